@@ -1,0 +1,78 @@
+#pragma once
+
+#include "app/OrderedJson.h"
+
+#include <QJsonArray>
+#include <QJsonObject>
+#include <QObject>
+#include <QString>
+
+namespace vantro {
+
+// Owner of the per-user settings and device identity, mirrored to "device.json".
+// Getters normalise on every read, so a hand-edited or old file never yields an invalid value;
+// setters save the whole file and then emit changed().
+class AppState : public QObject
+{
+    Q_OBJECT
+public:
+    // Uses dataDir()/device.json.
+    explicit AppState(QObject* parent = nullptr);
+    // Uses the given file; tests and worker threads point several states at one file.
+    explicit AppState(const QString& deviceJsonPath, QObject* parent = nullptr);
+    ~AppState() override;
+
+    // The per-user application data location, or ~/.vantro-sign when that is empty.
+    static QString dataDir();
+    static const QStringList& visualPositions();
+
+    QString filePath() const { return m_path; }
+    QString lastError() const { return m_lastError; }
+
+    bool load();
+    bool save();
+
+    QString deviceId() const;
+    QString deviceSecret() const;
+    QString workspaceId() const;
+    QString appUrl() const;
+    QJsonObject license() const;
+    QJsonObject signerProfile() const;
+    QString localRoot() const;
+    QString theme() const;
+    QJsonObject localDeleteSettings() const;
+    bool isActivated() const;
+
+    bool setLocalRoot(const QString& path);
+    bool ensureLocalRoot();
+    bool setTheme(const QString& value);
+    bool setLocalDeleteSettings(const QJsonObject& settings);
+    bool setSignerVisualPosition(const QString& position);
+    // Stores the activation outcome (device identity and the raw record); the secret is protected.
+    bool setDeviceIdentity(const QString& deviceId, const QString& secret,
+                           const QString& workspaceId, const QJsonObject& activation = {});
+
+    // The status object for "sign:getStatus", keys in their fixed order. `helper` is the
+    // helper-runtime object; missing helper keys take their defaults.
+    OrderedObject status(const OrderedObject& helper = {}) const;
+
+    // Exposed for tests and diagnostics: the raw in-memory object.
+    QJsonObject raw() const { return m_root; }
+
+    static QString sanitizeFolderName(const QString& name);
+
+Q_SIGNALS:
+    void changed();
+
+private:
+    bool commit();
+    QString stringValue(const QString& key) const;
+
+    QString m_path;
+    QJsonObject m_root;
+    QString m_lastError;
+    mutable QString m_cachedProtected;
+    mutable QString m_cachedSecret;
+};
+
+} // namespace vantro

@@ -1,0 +1,58 @@
+#pragma once
+
+#include "app/OrderedJson.h"
+
+#include <QMutex>
+#include <QObject>
+#include <QString>
+#include <QVariantList>
+
+#include <atomic>
+
+namespace vantro {
+
+class AppState;
+class SignApiClient;
+class DesktopShell;
+
+// Routes page calls ("sign:" and "usb:" methods) to the components that do the work and wraps
+// their outcome as result objects: {ok: true, value} or {ok: false, error: {code, message}}.
+class DesktopBridge : public QObject
+{
+    Q_OBJECT
+public:
+    DesktopBridge(AppState* state, SignApiClient* api, QObject* parent = nullptr);
+    ~DesktopBridge() override;
+
+    // Origin check, exclusive rule and routing. Safe on any thread for a bridge built there.
+    OrderedObject handle(const QString& method, const QVariantList& args, const QString& sourceUri);
+
+    static OrderedObject ok(const QVariant& value = {});
+    static OrderedObject error(const QString& code, const QString& message);
+
+    static bool isAsynchronous(const QString& method);
+    static bool isExclusive(const QString& method);
+
+    // Dialogs and desktop actions (pickers, opening folders); absent in worker bridges.
+    void setDesktopShell(DesktopShell* shell) { m_shell = shell; }
+
+    // The ten-key helper-runtime object, cached for 1000 ms.
+    OrderedObject helperRuntime();
+
+    AppState* state() const { return m_state; }
+    SignApiClient* api() const { return m_api; }
+
+private:
+    OrderedObject route(const QString& method, const QVariantList& args);
+    OrderedObject dispatchSign(const QString& method, const QVariantList& args);
+    OrderedObject dispatchUsb(const QString& method, const QVariantList& args);
+
+    AppState* m_state = nullptr;
+    SignApiClient* m_api = nullptr;
+    DesktopShell* m_shell = nullptr;
+    QMutex m_helperMutex;
+    OrderedObject m_helperCache;
+    qint64 m_helperCachedAtMs = -1;
+};
+
+} // namespace vantro
