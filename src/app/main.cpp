@@ -1,4 +1,6 @@
-int main()
+#include "ui/Application.h"
+
+int main(int argc, char** argv)
 {
-    return 0;
+    return vantro::runApplication(argc, argv);
 }

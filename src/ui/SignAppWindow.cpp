@@ -25,6 +25,5 @@ void SignAppWindow::removeSavedPins() {}
 void SignAppWindow::openPinFolder() {}
 void SignAppWindow::reloadWebApp() {}
 void SignAppWindow::checkForProgramUpdates() {}
-void SignAppWindow::receiveHandoff() {}
 
 } // namespace vantro

@@ -1,0 +1,18 @@
+#pragma once
+
+#include <QString>
+
+namespace vantro {
+
+// The per-user application directory, without a trailing separator; not created here.
+// "LOCALAPPDATA" (when set to something other than blanks) joined with "Vantro Sign Next/app",
+// otherwise the platform's per-user app-local data location.
+QString appDataDir();
+
+// appDataDir() + "/commands", created with its parents first.
+QString commandsDir();
+
+// appDataDir() + "/vantro-sign-app.lock".
+QString instanceLockPath();
+
+} // namespace vantro
