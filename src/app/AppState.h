@@ -6,8 +6,13 @@
 #include <QJsonObject>
 #include <QObject>
 #include <QString>
+#include <QStringList>
 
 namespace vantro {
+
+namespace platform {
+class SecretStore;
+}
 
 // Owner of the per-user settings and device identity, mirrored to "device.json".
 // Getters normalise on every read, so a hand-edited or old file never yields an invalid value;
@@ -27,6 +32,7 @@ public:
     static const QStringList& visualPositions();
 
     QString filePath() const { return m_path; }
+    // Text of the most recent failure of load, save or ensureLocalRoot.
     QString lastError() const { return m_lastError; }
 
     bool load();
@@ -61,16 +67,23 @@ public:
 
     static QString sanitizeFolderName(const QString& name);
 
+    // Replaces the operating system's secret protection (tests); the store must outlive this.
+    void setSecretStore(platform::SecretStore* store);
+
 Q_SIGNALS:
     void changed();
 
 private:
     bool commit();
+    bool reportError(const QString& error);
     QString stringValue(const QString& key) const;
+    QString protectSecret(const QString& secret) const;
+    QString revealSecret(const QString& stored) const;
 
     QString m_path;
     QJsonObject m_root;
     QString m_lastError;
+    platform::SecretStore* m_secrets = nullptr;
     mutable QString m_cachedProtected;
     mutable QString m_cachedSecret;
 };
