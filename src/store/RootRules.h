@@ -1,0 +1,47 @@
+#pragma once
+
+#include <QDate>
+#include <QString>
+
+// Naming and layout rules of the local root, shared by import, reconciliation, deletion and the
+// signed-artifact mirror. Pure functions: the root and the settings they need are passed in.
+namespace vantro::rootrules {
+
+// Fixed folders directly under the local root.
+inline constexpr char kOriginalsFolder[] = "Originalai";
+inline constexpr char kSignedFolder[] = "Pasirasyta";
+inline constexpr char kProcessedFolder[] = "Apdorota";
+inline constexpr char kDefaultDeletedFolder[] = "Istrinta";
+// Fallback name for files created from a name the application did not choose itself.
+inline constexpr char kFallbackFileName[] = "Vantro_dokumentas";
+inline constexpr char kFallbackTitle[] = "Dokumentas";
+inline constexpr int kMaxFileNameLength = 180;
+inline constexpr int kUniquePathAttempts = 100;
+
+// Root-relative path of `path` with "/" separators; empty when the path is outside `root`.
+// The check is textual: a name directly in the root that starts with ".." counts as outside.
+QString relativePathInRoot(const QString& root, const QString& path);
+
+// Windows-safe file name: forbidden and control characters become "_", trailing dots and spaces
+// go, at most 180 characters; `fallback` when nothing is left.
+QString cleanFileName(const QString& name, const QString& fallback);
+
+// Everything before the first dot of the file name, trimmed; "Dokumentas" when empty.
+QString titleFromFile(const QString& path);
+
+// `wantedPath` itself when free, else name_2.ext ... name_100.ext (the suffix starts at the first
+// dot). Throws VANTRO_SIGN_LOCAL_FILE_UNIQUE_PATH_EXHAUSTED when all are taken.
+QString uniquePath(const QString& wantedPath);
+
+bool isSupportedDocumentType(const QString& path);
+bool isTemporarySuffix(const QString& suffix);
+bool isSkippedDirectoryName(const QString& name);
+
+// True for paths that are never user documents: the signed and deleted folders (first part
+// only), temporary and cache folders at any depth, office lock files and partial downloads.
+bool isSkippedRelativePath(const QString& relativePath, const QString& deletedFolderName);
+
+// The import folder for the given local date: root/Originalai/yyyy-MM.
+QString monthFolder(const QString& root, const QDate& localDate);
+
+} // namespace vantro::rootrules
