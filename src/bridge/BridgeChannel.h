@@ -3,6 +3,7 @@
 #include "app/OrderedJson.h"
 
 #include <QObject>
+#include <QSet>
 #include <QString>
 #include <QVariant>
 
@@ -73,12 +74,15 @@ private:
     void runAsync(const QString& id, const QString& method, const QVariantList& args,
                   const QString& sourceUri);
     void applyCompletionHook(const QString& method, const OrderedObject& result);
+    // Artifact reveals are keyed by the page's operation id; one id runs at most once at a time.
+    bool registerRevealOperation(const QString& operationId);
 
     DesktopBridge* m_bridge = nullptr;
     SignApiClient* m_api = nullptr;
     WorkerFactory m_workers;
     BridgeWebView* m_view = nullptr;
     CompletionHooks* m_hooks = nullptr;
+    QSet<QString> m_activeReveals;
 };
 
 } // namespace vantro

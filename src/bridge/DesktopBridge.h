@@ -7,13 +7,12 @@
 #include <QString>
 #include <QVariantList>
 
-#include <atomic>
-
 namespace vantro {
 
 class AppState;
 class SignApiClient;
 class DesktopShell;
+class LocalStore;
 
 // Routes page calls ("sign:" and "usb:" methods) to the components that do the work and wraps
 // their outcome as result objects: {ok: true, value} or {ok: false, error: {code, message}}.
@@ -35,12 +34,14 @@ public:
 
     // Dialogs and desktop actions (pickers, opening folders); absent in worker bridges.
     void setDesktopShell(DesktopShell* shell) { m_shell = shell; }
+    DesktopShell* desktopShell() const { return m_shell; }
 
     // The ten-key helper-runtime object, cached for 1000 ms.
     OrderedObject helperRuntime();
 
     AppState* state() const { return m_state; }
     SignApiClient* api() const { return m_api; }
+    LocalStore* localStore() const { return m_store; }
 
 private:
     OrderedObject route(const QString& method, const QVariantList& args);
@@ -50,6 +51,7 @@ private:
     AppState* m_state = nullptr;
     SignApiClient* m_api = nullptr;
     DesktopShell* m_shell = nullptr;
+    LocalStore* m_store = nullptr;
     QMutex m_helperMutex;
     OrderedObject m_helperCache;
     qint64 m_helperCachedAtMs = -1;

@@ -1,15 +1,113 @@
 #include "ui/SignAppWindow.h"
 
-// Minimal window so the executable links while the web host is being built.
+#include "api/Endpoints.h"
+#include "api/SignApiClient.h"
+#include "app/ActivationLink.h"
+#include "app/AppState.h"
+#include "app/InstanceLog.h"
+#include "app/OrderedJson.h"
+#include "bridge/DesktopBridge.h"
+#include "ui/DropImport.h"
+#include "ui/Logging.h"
+#include "ui/SystemDesktopShell.h"
+#include "ui/Theme.h"
+#include "ui/WebHost.h"
+
+#include <QFutureWatcher>
+#include <QMessageBox>
+#include <QtConcurrent/QtConcurrentRun>
+
 namespace vantro {
 
-SignAppWindow::SignAppWindow(QWidget* parent) : QMainWindow(parent)
+namespace {
+
+constexpr int kDefaultWidth = 1200;
+constexpr int kDefaultHeight = 800;
+
+const QString kWebViewFolder = QStringLiteral("/webview");
+const QString kDropStateEvent = QStringLiteral("vantro-sign-drop-state");
+const QString kFilesDroppedEvent = QStringLiteral("vantro-sign-files-dropped");
+const QString kDropErrorEvent = QStringLiteral("vantro-sign-drop-error");
+const QString kOpenUpdateStatusEvent = QStringLiteral("vantro-sign-open-update-status");
+
+// Features whose components are not part of this build yet: the user gets told, not ignored.
+const QString kActivationNotice =
+    QStringLiteral("Šio kompiuterio aktyvavimas šioje Vantro Sign versijoje dar neprieinamas.");
+const QString kActivationLinkNotice =
+    QStringLiteral("Aktyvavimo nuoroda gauta, tačiau kompiuterio aktyvavimas šioje Vantro Sign "
+                   "versijoje dar neprieinamas.");
+const QString kDiagnosticsNotice =
+    QStringLiteral("Diagnostika šioje Vantro Sign versijoje dar neprieinama.");
+const QString kRemovePinsNotice =
+    QStringLiteral("Išsaugotų PIN šalinimas šioje Vantro Sign versijoje dar neprieinamas.");
+const QString kPinFolderNotice =
+    QStringLiteral("PIN aplankas šioje Vantro Sign versijoje dar neprieinamas.");
+
+} // namespace
+
+// Components in their fixed order: settings, service client, bridge; then the browser.
+SignAppWindow::SignAppWindow(QWidget* parent)
+    : QMainWindow(parent)
+    , m_systemShell(std::make_unique<SystemDesktopShell>(this))
+    , m_shell(m_systemShell.get())
 {
     setWindowTitle(QStringLiteral("Vantro Sign"));
-    resize(1200, 800);
+    resize(kDefaultWidth, kDefaultHeight);
+
+    m_state = new AppState(this);
+    m_api = new SignApiClient(m_state, this);
+    m_bridge = new DesktopBridge(m_state, m_api, this);
+    m_bridge->setDesktopShell(m_shell);
+    m_channel = new BridgeChannel(m_bridge, m_api, defaultWorkerFactory(m_state->filePath()), this);
+    m_channel->setCompletionHooks(this);
+
+    buildWebHost();
+    applyStateTheme();
+    connect(m_state, &AppState::changed, this, &SignAppWindow::applyStateTheme);
+    m_web->openApp(m_api->webAppUrl());
 }
 
-SignAppWindow::~SignAppWindow() = default;
+// The browser goes first so no page message reaches a component being destroyed; then the
+// components in reverse order of construction.
+SignAppWindow::~SignAppWindow()
+{
+    delete m_web;
+    delete m_channel;
+    delete m_bridge;
+    delete m_api;
+    delete m_state;
+}
+
+void SignAppWindow::buildWebHost()
+{
+    m_web = new WebHost(AppState::dataDir() + kWebViewFolder, this);
+    m_web->setTrustRule(
+        [this](const QUrl& url) { return endpoints::isTrustedAppUrl(m_api->baseUrl(), url); });
+    m_web->setMessageHandler([this](const QString& json, const QUrl& source) {
+        m_channel->handleWebMessage(json, source.toString());
+    });
+    m_web->installPageScripts(m_api->webAppOrigin());
+    m_channel->attachWebView(m_web);
+
+    connect(m_web, &WebHost::externalUrlRequested, this,
+            [this](const QUrl& url) { m_shell->openUrl(url); });
+    connect(m_web, &WebHost::fileDragActiveChanged, this, &SignAppWindow::emitDropState);
+    connect(m_web, &WebHost::filesDropped, this, &SignAppWindow::importDroppedFiles);
+    setCentralWidget(m_web);
+}
+
+void SignAppWindow::setDesktopShell(DesktopShell* shell)
+{
+    m_shell = shell ? shell : m_systemShell.get();
+    m_bridge->setDesktopShell(m_shell);
+}
+
+void SignAppWindow::applyStateTheme()
+{
+    const bool dark = m_state->theme() == QLatin1String("dark");
+    applyTheme(this, dark);
+    m_web->setDarkTheme(dark);
+}
 
 void SignAppWindow::showAndRaise()
 {
@@ -18,12 +116,121 @@ void SignAppWindow::showAndRaise()
     activateWindow();
 }
 
-void SignAppWindow::handleActivationLink(const QString&) {}
-void SignAppWindow::openActivationScreen() {}
-void SignAppWindow::openDiagnostics() {}
-void SignAppWindow::removeSavedPins() {}
-void SignAppWindow::openPinFolder() {}
-void SignAppWindow::reloadWebApp() {}
-void SignAppWindow::checkForProgramUpdates() {}
+void SignAppWindow::handleActivationLink(const QString& link)
+{
+    const QString redacted = redactActivationLink(link);
+    logLine(QStringLiteral("activation link received, activation not available: %1").arg(redacted));
+    qCInfo(lcUi) << "activation link received:" << redacted;
+    showAndRaise();
+    showNotice(kActivationLinkNotice);
+}
+
+void SignAppWindow::openActivationScreen()
+{
+    showAndRaise();
+    showNotice(kActivationNotice);
+}
+
+void SignAppWindow::openDiagnostics()
+{
+    showNotice(kDiagnosticsNotice);
+}
+
+void SignAppWindow::removeSavedPins()
+{
+    showNotice(kRemovePinsNotice);
+}
+
+void SignAppWindow::openPinFolder()
+{
+    showNotice(kPinFolderNotice);
+}
+
+void SignAppWindow::reloadWebApp()
+{
+    m_web->reloadApp();
+}
+
+void SignAppWindow::checkForProgramUpdates()
+{
+    showAndRaise();
+    m_channel->emitDesktopEvent(kOpenUpdateStatusEvent, QVariantMap());
+}
+
+// One notice box at a time, non-modal: the tray and the page stay usable behind it.
+void SignAppWindow::showNotice(const QString& text)
+{
+    qCInfo(lcUi) << "notice:" << text;
+    if (!m_notice) {
+        m_notice = new QMessageBox(QMessageBox::Information, QStringLiteral("Vantro Sign"), text,
+                                   QMessageBox::Ok, this);
+        m_notice->setAttribute(Qt::WA_DeleteOnClose);
+        m_notice->setModal(false);
+    }
+    m_notice->setText(text);
+    m_notice->show();
+    m_notice->raise();
+    Q_EMIT noticeShown(text);
+}
+
+void SignAppWindow::emitDropState(bool active)
+{
+    m_channel->emitDesktopEvent(
+        kDropStateEvent,
+        QVariant::fromValue(OrderedObject{{QStringLiteral("active"), active},
+                                          {QStringLiteral("busy"), m_dropImportsRunning > 0}}));
+}
+
+void SignAppWindow::importDroppedFiles(const QStringList& paths)
+{
+    if (paths.isEmpty())
+        return;
+    qCInfo(lcUi) << "importing" << paths.size() << "dropped file(s)";
+    ++m_dropImportsRunning;
+    emitDropState(false);
+    auto* watcher = new QFutureWatcher<DropImportOutcome>(this);
+    connect(watcher, &QFutureWatcher<DropImportOutcome>::finished, this, [this, watcher, paths] {
+        watcher->deleteLater();
+        finishDropImport(paths, watcher->result());
+    });
+    // The worker builds its own settings and store; nothing of this window crosses over.
+    watcher->setFuture(QtConcurrent::run(runDropImport, m_state->filePath(), paths));
+}
+
+void SignAppWindow::finishDropImport(const QStringList& paths, const DropImportOutcome& outcome)
+{
+    --m_dropImportsRunning;
+    if (outcome.ok) {
+        m_channel->emitDesktopEvent(
+            kFilesDroppedEvent,
+            QVariant::fromValue(OrderedObject{{QStringLiteral("imported"), outcome.imported},
+                                              {QStringLiteral("files"), paths},
+                                              {QStringLiteral("source"), QStringLiteral("drop")}}));
+    } else {
+        m_channel->emitDesktopEvent(
+            kDropErrorEvent,
+            QVariant::fromValue(OrderedObject{{QStringLiteral("message"), outcome.error}}));
+    }
+    emitDropState(false);
+}
+
+// The preview host and the artifact reveal are separate components that are not part of this
+// build; their prepared values are logged so a support case can see what the page asked for.
+void SignAppWindow::showNativePreview(const QVariant& prepared)
+{
+    qCWarning(lcUi) << "native preview host not available in this build; dropped"
+                    << prepared.typeName();
+}
+
+void SignAppWindow::openPreparedDefault(const QVariant& prepared)
+{
+    qCWarning(lcUi) << "default-application opening not available in this build; dropped"
+                    << prepared.typeName();
+}
+
+void SignAppWindow::completeArtifactReveal(const QVariant& value)
+{
+    qCWarning(lcUi) << "artifact reveal not available in this build; dropped" << value.typeName();
+}
 
 } // namespace vantro

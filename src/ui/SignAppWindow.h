@@ -1,17 +1,29 @@
 #pragma once
 
+#include "bridge/BridgeChannel.h"
+
 #include <QMainWindow>
+#include <QPointer>
 #include <QString>
+#include <QStringList>
+
+#include <memory>
+
+class QMessageBox;
 
 namespace vantro {
 
 class AppState;
 class SignApiClient;
 class DesktopBridge;
+class DesktopShell;
+class SystemDesktopShell;
+class WebHost;
+struct DropImportOutcome;
 
 // The main window: builds the components in their fixed order and hosts the web application.
 // The tray menu and the handoff receiver drive it through the public slots below.
-class SignAppWindow : public QMainWindow
+class SignAppWindow : public QMainWindow, private CompletionHooks
 {
     Q_OBJECT
 public:
@@ -21,6 +33,11 @@ public:
     AppState* appState() const { return m_state; }
     SignApiClient* apiClient() const { return m_api; }
     DesktopBridge* desktopBridge() const { return m_bridge; }
+    BridgeChannel* bridgeChannel() const { return m_channel; }
+    WebHost* webHost() const { return m_web; }
+
+    // Dialogs and opening addresses go through `shell`; null restores the system desktop.
+    void setDesktopShell(DesktopShell* shell);
 
 public Q_SLOTS:
     void showAndRaise();
@@ -32,14 +49,35 @@ public Q_SLOTS:
     void openPinFolder();
     void reloadWebApp();
     void checkForProgramUpdates();
+    // Imports files dropped on the window off the main thread and tells the page.
+    void importDroppedFiles(const QStringList& paths);
 
 Q_SIGNALS:
     void trayNotification(const QString& title, const QString& text);
+    // A notice the user was shown in a message box (features not present in this build).
+    void noticeShown(const QString& text);
 
 private:
+    void buildWebHost();
+    void applyStateTheme();
+    void emitDropState(bool active);
+    void finishDropImport(const QStringList& paths, const DropImportOutcome& outcome);
+    void showNotice(const QString& text);
+
+    // CompletionHooks
+    void showNativePreview(const QVariant& prepared) override;
+    void openPreparedDefault(const QVariant& prepared) override;
+    void completeArtifactReveal(const QVariant& value) override;
+
     AppState* m_state = nullptr;
     SignApiClient* m_api = nullptr;
     DesktopBridge* m_bridge = nullptr;
+    BridgeChannel* m_channel = nullptr;
+    WebHost* m_web = nullptr;
+    std::unique_ptr<SystemDesktopShell> m_systemShell;
+    DesktopShell* m_shell = nullptr;
+    QPointer<QMessageBox> m_notice;
+    int m_dropImportsRunning = 0;
 };
 
 } // namespace vantro

@@ -1,0 +1,3 @@
+#include "bridge/BridgeLogging.h"
+
+Q_LOGGING_CATEGORY(lcBridge, "vantro.bridge")

@@ -1,0 +1,268 @@
+#include "bridge/DesktopBridge.h"
+
+#include "api/SignApiClient.h"
+#include "app/AppState.h"
+#include "app/Errors.h"
+#include "bridge/BridgeDispatch.h"
+#include "bridge/BridgeLogging.h"
+#include "bridge/NativeHost.h"
+#include "store/LocalStore.h"
+
+#include <QDateTime>
+#include <QMutexLocker>
+#include <QSet>
+#include <QUrl>
+
+#include <atomic>
+#include <exception>
+
+namespace vantro {
+
+namespace {
+
+constexpr qint64 kHelperCacheMs = 1000;
+constexpr char kBusyMessage[] = "Vantro Sign is still processing the previous desktop request.";
+
+// One flag for the whole process: worker bridges and the main bridge share it, so a card
+// signature and a document import never overlap whichever thread runs them.
+std::atomic<bool> g_exclusiveRunning{false};
+
+// Holds the exclusive flag for one call and clears it however the call ends.
+class ExclusiveSlot
+{
+public:
+    ExclusiveSlot() = default;
+    ExclusiveSlot(const ExclusiveSlot&) = delete;
+    ExclusiveSlot& operator=(const ExclusiveSlot&) = delete;
+    ~ExclusiveSlot()
+    {
+        if (m_held)
+            g_exclusiveRunning.store(false, std::memory_order_release);
+    }
+
+    bool acquire()
+    {
+        bool expected = false;
+        m_held =
+            g_exclusiveRunning.compare_exchange_strong(expected, true, std::memory_order_acq_rel);
+        return m_held;
+    }
+
+private:
+    bool m_held = false;
+};
+
+const QSet<QString>& asynchronousMethods()
+{
+    static const QSet<QString> methods{
+        QStringLiteral("usb:diagnose"),
+        QStringLiteral("usb:getSigningCertificate"),
+        QStringLiteral("usb:sign"),
+        QStringLiteral("usb:signBatch"),
+        QStringLiteral("usb:authenticate"),
+        QStringLiteral("sign:reconcileLocalRoot"),
+        QStringLiteral("sign:uploadLocalDocument"),
+        QStringLiteral("sign:runPdfTool"),
+        QStringLiteral("sign:createExternalInvitation"),
+        QStringLiteral("sign:cancelExternalInvitation"),
+        QStringLiteral("sign:remindExternalInvitation"),
+        QStringLiteral("sign:listExternalInvitations"),
+        QStringLiteral("sign:queueUpload"),
+        QStringLiteral("sign:mirrorArtifact"),
+        QStringLiteral("sign:ensureLocalArtifactAndReveal"),
+        QStringLiteral("sign:retryMirrorQueue"),
+        QStringLiteral("sign:getLocalArtifactStatus"),
+        QStringLiteral("sign:openServerDocument"),
+        QStringLiteral("sign:renderServerDocumentPreview"),
+        QStringLiteral("sign:warmServerDocumentPreview"),
+        QStringLiteral("sign:showNativePreview"),
+        QStringLiteral("sign:deleteLocalDocument"),
+        QStringLiteral("sign:extractAdocFiles"),
+        QStringLiteral("sign:hashFile"),
+    };
+    return methods;
+}
+
+// The card methods report a busy flag in the card vocabulary, the page translates it.
+const QSet<QString>& cardSigningMethods()
+{
+    static const QSet<QString> methods{
+        QStringLiteral("usb:getSigningCertificate"),
+        QStringLiteral("usb:sign"),
+        QStringLiteral("usb:signBatch"),
+        QStringLiteral("usb:authenticate"),
+    };
+    return methods;
+}
+
+const QSet<QString>& exclusiveMethods()
+{
+    static const QSet<QString> methods =
+        QSet<QString>{
+            QStringLiteral("sign:pickFiles"),
+            QStringLiteral("sign:reconcileLocalRoot"),
+            QStringLiteral("sign:deleteLocalDocument"),
+            QStringLiteral("sign:uploadLocalDocument"),
+            QStringLiteral("sign:runPdfTool"),
+            QStringLiteral("sign:createExternalInvitation"),
+            QStringLiteral("sign:cancelExternalInvitation"),
+            QStringLiteral("sign:remindExternalInvitation"),
+            QStringLiteral("sign:queueUpload"),
+            QStringLiteral("sign:ensureLocalArtifactAndReveal"),
+            QStringLiteral("sign:retryMirrorQueue"),
+            QStringLiteral("sign:removeLocalArtifact"),
+            QStringLiteral("sign:removeLocalDocumentArtifacts"),
+            QStringLiteral("sign:extractAdocFiles"),
+        }
+            .unite(cardSigningMethods());
+    return methods;
+}
+
+OrderedObject busyError(const QString& method)
+{
+    const QString code = cardSigningMethods().contains(method)
+                             ? QStringLiteral("VANTRO_USB_BRIDGE_BUSY")
+                             : QStringLiteral("VANTRO_SIGN_BRIDGE_BUSY");
+    return DesktopBridge::error(code, QString::fromLatin1(kBusyMessage));
+}
+
+OrderedObject errorFromText(const QString& text)
+{
+    const ErrorParts parts = splitErrorText(text);
+    return DesktopBridge::error(parts.code, parts.message);
+}
+
+// Handlers fail by throwing "CODE: message"; every escape becomes an error result here.
+template <typename Run> OrderedObject catchingFailures(const QString& method, Run run)
+{
+    try {
+        return run();
+    } catch (const std::exception& failure) {
+        const QString text = QString::fromUtf8(failure.what());
+        qCWarning(lcBridge).noquote() << method << "failed:" << text;
+        return errorFromText(text);
+    } catch (...) {
+        qCWarning(lcBridge).noquote() << method << "failed with an unknown exception";
+        return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"),
+                                    QStringLiteral("Unexpected failure in %1.").arg(method));
+    }
+}
+
+OrderedObject buildHelperRuntime(LocalStore* store)
+{
+    int pending = 0;
+    int failed = 0;
+    try {
+        const QJsonObject counts = store->mirrorCounts();
+        pending = counts.value(QStringLiteral("pending")).toInt();
+        failed = counts.value(QStringLiteral("failed")).toInt();
+    } catch (const std::exception& failure) {
+        // A status query must still answer when the database cannot be read.
+        qCWarning(lcBridge) << "mirror counts unavailable:" << failure.what();
+    }
+    const bool present = nativeHostPresent();
+    return OrderedObject{
+        {QStringLiteral("helperAvailable"), present},
+        {QStringLiteral("helperBackgroundRunning"), false},
+        {QStringLiteral("helperRuntime"), QStringLiteral("next")},
+        {QStringLiteral("helperRuntimeVersion"), QString()},
+        {QStringLiteral("helperRuntimePath"), present ? nativeHostPath() : QString()},
+        {QStringLiteral("usbSignBatchNative"), false},
+        {QStringLiteral("storedPinAvailable"), false},
+        {QStringLiteral("savedPinCount"), 0},
+        {QStringLiteral("pendingMirrorCount"), pending},
+        {QStringLiteral("failedMirrorCount"), failed},
+    };
+}
+
+} // namespace
+
+DesktopBridge::DesktopBridge(AppState* state, SignApiClient* api, QObject* parent)
+    : QObject(parent)
+    , m_state(state)
+    , m_api(api)
+    , m_store(new LocalStore(state, this))
+{
+}
+
+DesktopBridge::~DesktopBridge() = default;
+
+OrderedObject DesktopBridge::handle(const QString& method, const QVariantList& args,
+                                    const QString& sourceUri)
+{
+    return catchingFailures(method, [&] {
+        if (!m_api || !m_api->isAllowedOrigin(QUrl(sourceUri, QUrl::TolerantMode))) {
+            qCInfo(lcBridge).noquote() << "rejected" << method << "from" << sourceUri;
+            return error(QStringLiteral("ERR_VANTRO_ORIGIN_FORBIDDEN"),
+                         QStringLiteral("Vantro Sign bridge rejected this origin."));
+        }
+        ExclusiveSlot slot;
+        if (isExclusive(method) && !slot.acquire()) {
+            qCInfo(lcBridge).noquote() << "busy, refused" << method;
+            return busyError(method);
+        }
+        return route(method, args);
+    });
+}
+
+OrderedObject DesktopBridge::ok(const QVariant& value)
+{
+    return OrderedObject{{QStringLiteral("ok"), true}, {QStringLiteral("value"), value}};
+}
+
+OrderedObject DesktopBridge::error(const QString& code, const QString& message)
+{
+    const OrderedObject detail{{QStringLiteral("code"), code},
+                               {QStringLiteral("message"), message}};
+    return OrderedObject{{QStringLiteral("ok"), false},
+                         {QStringLiteral("error"), detail.toVariant()}};
+}
+
+bool DesktopBridge::isAsynchronous(const QString& method)
+{
+    return asynchronousMethods().contains(method);
+}
+
+bool DesktopBridge::isExclusive(const QString& method)
+{
+    return exclusiveMethods().contains(method);
+}
+
+OrderedObject DesktopBridge::helperRuntime()
+{
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    {
+        QMutexLocker lock(&m_helperMutex);
+        const qint64 age = now - m_helperCachedAtMs;
+        if (!m_helperCache.isEmpty() && age >= 0 && age < kHelperCacheMs)
+            return m_helperCache;
+    }
+    // Probing the file system and the database runs unlocked; concurrent builders just race
+    // to store equivalent objects.
+    const OrderedObject built = buildHelperRuntime(m_store);
+    QMutexLocker lock(&m_helperMutex);
+    m_helperCache = built;
+    m_helperCachedAtMs = now;
+    return built;
+}
+
+OrderedObject DesktopBridge::route(const QString& method, const QVariantList& args)
+{
+    if (method.startsWith(QLatin1String("sign:")))
+        return dispatchSign(method, args);
+    if (method.startsWith(QLatin1String("usb:")))
+        return dispatchUsb(method, args);
+    return error(QStringLiteral("VANTRO_SIGN_BRIDGE_METHOD_UNKNOWN"), method);
+}
+
+OrderedObject DesktopBridge::dispatchSign(const QString& method, const QVariantList& args)
+{
+    return dispatchMethod(signMethodTable(), *this, method, args);
+}
+
+OrderedObject DesktopBridge::dispatchUsb(const QString& method, const QVariantList& args)
+{
+    return dispatchMethod(usbMethodTable(), *this, method, args);
+}
+
+} // namespace vantro

@@ -1,1 +1,0 @@
-// placeholder while the subsystem is written
