@@ -2,6 +2,7 @@
 
 #include "api/SignApiClient.h"
 #include "app/AppState.h"
+#include "app/Errors.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeLogging.h"
 #include "bridge/DesktopBridge.h"
@@ -33,9 +34,14 @@ OrderedObject runOnWorker(const WorkerFactory& factory, const QString& method,
         return components->bridge->handle(method, args, sourceUri);
     } catch (const std::exception& failure) {
         // Building the components failed before the bridge could catch anything.
-        qCWarning(lcBridge) << "worker set-up failed:" << failure.what();
+        const ErrorParts parts = splitErrorText(QString::fromUtf8(failure.what()));
+        qCWarning(lcBridge).noquote()
+            << "worker set-up for" << method << "failed:" << parts.message;
+        return DesktopBridge::error(parts.code, parts.message);
+    } catch (...) {
+        qCWarning(lcBridge).noquote() << "worker set-up for" << method << "failed";
         return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"),
-                                    QString::fromUtf8(failure.what()));
+                                    QStringLiteral("Unexpected failure in %1.").arg(method));
     }
 }
 

@@ -7,9 +7,13 @@
 #include "bridge/BridgeLogging.h"
 #include "bridge/NativeHost.h"
 #include "store/LocalStore.h"
+#include "vantro_config.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
+#include <QFileInfo>
 #include <QMutexLocker>
+#include <QPair>
 #include <QSet>
 #include <QUrl>
 
@@ -148,31 +152,18 @@ template <typename Run> OrderedObject catchingFailures(const QString& method, Ru
     }
 }
 
-OrderedObject buildHelperRuntime(LocalStore* store)
+// The mirror counts of the helper-runtime object. A status query must still answer when the
+// database cannot be read, so a failure reads as zero counts.
+QPair<int, int> mirrorCountsOf(LocalStore* store)
 {
-    int pending = 0;
-    int failed = 0;
     try {
         const QJsonObject counts = store->mirrorCounts();
-        pending = counts.value(QStringLiteral("pending")).toInt();
-        failed = counts.value(QStringLiteral("failed")).toInt();
+        return {counts.value(QStringLiteral("pending")).toInt(),
+                counts.value(QStringLiteral("failed")).toInt()};
     } catch (const std::exception& failure) {
-        // A status query must still answer when the database cannot be read.
         qCWarning(lcBridge) << "mirror counts unavailable:" << failure.what();
+        return {0, 0};
     }
-    const bool present = nativeHostPresent();
-    return OrderedObject{
-        {QStringLiteral("helperAvailable"), present},
-        {QStringLiteral("helperBackgroundRunning"), false},
-        {QStringLiteral("helperRuntime"), QStringLiteral("next")},
-        {QStringLiteral("helperRuntimeVersion"), QString()},
-        {QStringLiteral("helperRuntimePath"), present ? nativeHostPath() : QString()},
-        {QStringLiteral("usbSignBatchNative"), false},
-        {QStringLiteral("storedPinAvailable"), false},
-        {QStringLiteral("savedPinCount"), 0},
-        {QStringLiteral("pendingMirrorCount"), pending},
-        {QStringLiteral("failedMirrorCount"), failed},
-    };
 }
 
 } // namespace
@@ -228,6 +219,19 @@ bool DesktopBridge::isExclusive(const QString& method)
     return exclusiveMethods().contains(method);
 }
 
+QString DesktopBridge::locateHelperExecutable(const QString& fileName)
+{
+    QMutexLocker lock(&m_helperMutex);
+    const auto cached = m_helperLocations.constFind(fileName);
+    if (cached != m_helperLocations.constEnd())
+        return cached.value();
+    // A miss is remembered too: a helper installed while the program runs is found after a
+    // restart, so a missing helper costs no file-system probes per status query.
+    const QString found = findHelperExecutable(QCoreApplication::applicationDirPath(), fileName);
+    m_helperLocations.insert(fileName, found);
+    return found;
+}
+
 OrderedObject DesktopBridge::helperRuntime()
 {
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
@@ -239,11 +243,32 @@ OrderedObject DesktopBridge::helperRuntime()
     }
     // Probing the file system and the database runs unlocked; concurrent builders just race
     // to store equivalent objects.
-    const OrderedObject built = buildHelperRuntime(m_store);
+    const OrderedObject built = buildHelperRuntime();
     QMutexLocker lock(&m_helperMutex);
     m_helperCache = built;
     m_helperCachedAtMs = now;
     return built;
+}
+
+OrderedObject DesktopBridge::buildHelperRuntime()
+{
+    const QString host = locateHelperExecutable(nativeHostFileName());
+    const QPair<int, int> mirror = mirrorCountsOf(m_store);
+    return OrderedObject{
+        {QStringLiteral("helperAvailable"), !host.isEmpty()},
+        {QStringLiteral("helperBackgroundRunning"), true},
+        {QStringLiteral("helperRuntime"), QStringLiteral("next")},
+        {QStringLiteral("helperRuntimeVersion"), QString::fromLatin1(config::kApplicationVersion)},
+        {QStringLiteral("helperRuntimePath"),
+         host.isEmpty() ? QString() : QFileInfo(host).absolutePath()},
+        // The host program signs a batch in one session itself.
+        {QStringLiteral("usbSignBatchNative"), true},
+        // No stored-PIN state in this build: nothing saved.
+        {QStringLiteral("storedPinAvailable"), false},
+        {QStringLiteral("savedPinCount"), 0},
+        {QStringLiteral("pendingMirrorCount"), mirror.first},
+        {QStringLiteral("failedMirrorCount"), mirror.second},
+    };
 }
 
 OrderedObject DesktopBridge::route(const QString& method, const QVariantList& args)

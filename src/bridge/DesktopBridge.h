@@ -2,6 +2,7 @@
 
 #include "app/OrderedJson.h"
 
+#include <QHash>
 #include <QMutex>
 #include <QObject>
 #include <QString>
@@ -38,12 +39,16 @@ public:
 
     // The ten-key helper-runtime object, cached for 1000 ms.
     OrderedObject helperRuntime();
+    // Absolute path of a helper program beside the application, or empty; cached per bridge,
+    // misses included.
+    QString locateHelperExecutable(const QString& fileName);
 
     AppState* state() const { return m_state; }
     SignApiClient* api() const { return m_api; }
     LocalStore* localStore() const { return m_store; }
 
 private:
+    OrderedObject buildHelperRuntime();
     OrderedObject route(const QString& method, const QVariantList& args);
     OrderedObject dispatchSign(const QString& method, const QVariantList& args);
     OrderedObject dispatchUsb(const QString& method, const QVariantList& args);
@@ -52,7 +57,8 @@ private:
     SignApiClient* m_api = nullptr;
     DesktopShell* m_shell = nullptr;
     LocalStore* m_store = nullptr;
-    QMutex m_helperMutex;
+    QMutex m_helperMutex; // guards the helper locations and the helper-runtime cache
+    QHash<QString, QString> m_helperLocations;
     OrderedObject m_helperCache;
     qint64 m_helperCachedAtMs = -1;
 };

@@ -1,6 +1,5 @@
 #include "bridge/NativeHost.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
 
@@ -8,25 +7,41 @@ namespace vantro {
 
 namespace {
 #ifdef Q_OS_WIN
-constexpr char kNativeHostFileName[] = "vantro-sign-native-host.exe";
+constexpr char kExecutableSuffix[] = ".exe";
 #else
-constexpr char kNativeHostFileName[] = "vantro-sign-native-host";
+constexpr char kExecutableSuffix[] = "";
 #endif
 } // namespace
 
 QString nativeHostFileName()
 {
-    return QString::fromLatin1(kNativeHostFileName);
+    return QStringLiteral("vantro-sign-native-host") + QLatin1String(kExecutableSuffix);
 }
 
-QString nativeHostPath()
+QString middlewareCliFileName()
 {
-    return QDir(QCoreApplication::applicationDirPath()).filePath(nativeHostFileName());
+    return QStringLiteral("vantro-sign-mw-cli") + QLatin1String(kExecutableSuffix);
 }
 
-bool nativeHostPresent()
+QStringList helperCandidates(const QString& applicationDir, const QString& fileName)
 {
-    return QFileInfo(nativeHostPath()).isFile();
+    const QDir dir(applicationDir);
+    return {
+        dir.filePath(fileName),
+        dir.filePath(QStringLiteral("mw/") + fileName),
+        dir.filePath(QStringLiteral("../mw/") + fileName),
+        QDir(QDir::cleanPath(applicationDir) + QStringLiteral("/..")).filePath(fileName),
+    };
+}
+
+QString findHelperExecutable(const QString& applicationDir, const QString& fileName)
+{
+    for (const QString& candidate : helperCandidates(applicationDir, fileName)) {
+        const QFileInfo info(candidate);
+        if (info.exists() && info.isFile())
+            return info.absoluteFilePath();
+    }
+    return {};
 }
 
 } // namespace vantro

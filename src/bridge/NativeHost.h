@@ -1,14 +1,19 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 
 namespace vantro {
 
-// File name of the card host program on this platform.
+// File names of the helper programs on this platform.
 QString nativeHostFileName();
-// Where the card host program is expected: beside the application's own executable.
-QString nativeHostPath();
-// Whether the card host program is present there.
-bool nativeHostPresent();
+QString middlewareCliFileName();
+
+// Where a helper program may be installed relative to the application's directory, in search
+// order: beside it, in "mw/", in "../mw/", and in the parent directory.
+QStringList helperCandidates(const QString& applicationDir, const QString& fileName);
+
+// Absolute path of the first candidate that is a regular file, or empty.
+QString findHelperExecutable(const QString& applicationDir, const QString& fileName);
 
 } // namespace vantro

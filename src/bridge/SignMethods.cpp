@@ -142,8 +142,7 @@ OrderedObject pickFiles(DesktopBridge& bridge, const QVariantList&)
     const QStringList files = bridge.desktopShell()->pickFiles(QString::fromUtf8(kPickFilesTitle),
                                                                bridge.state()->localRoot(),
                                                                QString::fromUtf8(kPickFilesFilter));
-    if (files.isEmpty())
-        return DesktopBridge::ok(QVariantList{});
+    // A cancelled dialog is an import of no files, which the import refuses with its own code.
     return DesktopBridge::ok(bridge.localStore()->importFiles(files).toVariantList());
 }
 

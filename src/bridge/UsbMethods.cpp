@@ -10,9 +10,9 @@ namespace {
 
 constexpr char kUsbHelper[] = "USB/eID helper";
 
-OrderedObject isAvailable(DesktopBridge&, const QVariantList&)
+OrderedObject isAvailable(DesktopBridge& bridge, const QVariantList&)
 {
-    return DesktopBridge::ok(nativeHostPresent());
+    return DesktopBridge::ok(!bridge.locateHelperExecutable(nativeHostFileName()).isEmpty());
 }
 
 BridgeMethod pending(const char* name)

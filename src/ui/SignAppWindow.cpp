@@ -109,9 +109,13 @@ void SignAppWindow::applyStateTheme()
     m_web->setDarkTheme(dark);
 }
 
+// A window the user maximised stays maximised when it comes back from the tray.
 void SignAppWindow::showAndRaise()
 {
-    showNormal();
+    if (isMinimized())
+        showNormal();
+    else
+        show();
     raise();
     activateWindow();
 }
@@ -153,7 +157,9 @@ void SignAppWindow::reloadWebApp()
 
 void SignAppWindow::checkForProgramUpdates()
 {
-    showAndRaise();
+    showNormal();
+    raise();
+    activateWindow();
     m_channel->emitDesktopEvent(kOpenUpdateStatusEvent, QVariantMap());
 }
 

@@ -313,15 +313,21 @@ private Q_SLOTS:
     void workerFactoryFailures_data()
     {
         QTest::addColumn<int>("mode");
+        QTest::addColumn<QString>("code");
         QTest::addColumn<QString>("message");
-        QTest::newRow("no components") << 0 << "Worker components are unavailable.";
-        QTest::newRow("factory throws") << 1 << "VANTRO_TEST_FACTORY: broken";
-        QTest::newRow("no factory") << 2 << "Worker components are unavailable.";
+        const QString fallback = QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR");
+        QTest::newRow("no components") << 0 << fallback << "Worker components are unavailable.";
+        QTest::newRow("factory throws a coded error") << 1 << "VANTRO_TEST_FACTORY"
+                                                      << "VANTRO_TEST_FACTORY: broken";
+        QTest::newRow("no factory") << 2 << fallback << "Worker components are unavailable.";
+        QTest::newRow("factory throws something else")
+            << 3 << fallback << "Unexpected failure in usb:diagnose.";
     }
 
     void workerFactoryFailures()
     {
         QFETCH(int, mode);
+        QFETCH(QString, code);
         QFETCH(QString, message);
         WorkerFactory factory;
         if (mode == 0)
@@ -331,6 +337,10 @@ private Q_SLOTS:
         else if (mode == 1)
             factory = []() -> std::unique_ptr<WorkerComponents> {
                 throw VantroError(QStringLiteral("VANTRO_TEST_FACTORY: broken"));
+            };
+        else if (mode == 3)
+            factory = []() -> std::unique_ptr<WorkerComponents> {
+                throw 42;
             };
         BridgeChannel channel(m_bridge.get(), m_api.get(), factory);
         channel.attachWebView(&m_view);
@@ -344,8 +354,7 @@ private Q_SLOTS:
                                       .toObject()
                                       .value(QStringLiteral("error"))
                                       .toObject();
-        QCOMPARE(error.value(QStringLiteral("code")).toString(),
-                 QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"));
+        QCOMPARE(error.value(QStringLiteral("code")).toString(), code);
         QCOMPARE(error.value(QStringLiteral("message")).toString(), message);
     }
 

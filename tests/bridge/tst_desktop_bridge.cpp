@@ -124,6 +124,8 @@ const QStringList kPendingMethods{
 
 const QString kBusyMessage =
     QStringLiteral("Vantro Sign is still processing the previous desktop request.");
+// What sign:pickFiles answers when its dialog was cancelled: it ran, and imported nothing.
+const QString kNothingPicked = QStringLiteral("VANTRO_SIGN_IMPORT_FILES_REQUIRED");
 
 bool isOk(const OrderedObject& result)
 {
@@ -269,7 +271,7 @@ private Q_SLOTS:
                      .hasMatch(),
                  qPrintable(messageOf(result)));
         // The exclusive flag of a pending row is released like any other.
-        QVERIFY(isOk(call(QStringLiteral("sign:pickFiles"))));
+        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
     }
 
     void originForbidden_data()
@@ -416,8 +418,7 @@ private Q_SLOTS:
 
         // The throw left the exclusive section: the next exclusive call is not busy.
         m_shell->duringDialog = nullptr;
-        const OrderedObject next = call(QStringLiteral("sign:pickFiles"));
-        QVERIFY(isOk(next));
+        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
     }
 
     void exclusiveRuleWhileAnotherRuns_data()
@@ -448,7 +449,7 @@ private Q_SLOTS:
                 return;
             during = call(method, {QVariantMap{}});
         };
-        QVERIFY(isOk(call(QStringLiteral("sign:pickFiles"))));
+        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
         if (busyCode.isEmpty()) {
             QVERIFY2(!codeOf(during).endsWith(QLatin1String("_BRIDGE_BUSY")),
                      qPrintable(codeOf(during)));
@@ -477,7 +478,7 @@ private Q_SLOTS:
             worker->wait();
             delete worker;
         };
-        QVERIFY(isOk(call(QStringLiteral("sign:pickFiles"))));
+        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
         QCOMPARE(codeOf(fromWorker), QStringLiteral("VANTRO_USB_BRIDGE_BUSY"));
     }
 
@@ -604,8 +605,12 @@ private Q_SLOTS:
                  QString::fromLatin1(config::kApplicationVersion));
         QCOMPARE(status.value(QStringLiteral("localRoot")).toString(), m_profile->rootPath());
         QCOMPARE(status.value(QStringLiteral("helperRuntime")).toString(), QStringLiteral("next"));
-        // The helper's own answer wins over the status defaults (true when absent).
-        QCOMPARE(status.value(QStringLiteral("helperAvailable")).toBool(), nativeHostPresent());
+        // The helper's own answers win over the status defaults.
+        QCOMPARE(status.value(QStringLiteral("helperAvailable")).toBool(), false);
+        QCOMPARE(status.value(QStringLiteral("helperBackgroundRunning")).toBool(), true);
+        QCOMPARE(status.value(QStringLiteral("usbSignBatchNative")).toBool(), true);
+        QCOMPARE(status.value(QStringLiteral("helperRuntimeVersion")).toString(),
+                 QString::fromLatin1(config::kApplicationVersion));
     }
 
     void helperRuntimeKeysAndValues()
@@ -624,24 +629,60 @@ private Q_SLOTS:
         QCOMPARE(helper.value(QStringLiteral("failedMirrorCount")).toInt(), 0);
     }
 
-    void helperRuntimeIsCachedForOneSecond()
+    // The helper-runtime object is rebuilt after a second, but the host's location is looked
+    // up once per bridge: a host installed while the program runs counts after a restart.
+    void helperRuntimeCacheAndHostLocation()
     {
-        const QString hostPath = nativeHostPath();
+        const QString appDir = QCoreApplication::applicationDirPath();
+        const QString hostPath = QDir(appDir).filePath(nativeHostFileName());
         QVERIFY2(!QFile::exists(hostPath), "a host program is already beside the test");
         const OrderedObject first = m_bridge->helperRuntime();
         QCOMPARE(first.value(QStringLiteral("helperAvailable")).toBool(), false);
         QCOMPARE(first.value(QStringLiteral("helperRuntimePath")).toString(), QString());
 
         const HostProgramBeside host(hostPath);
-        QCOMPARE(m_bridge->helperRuntime(), first);
-        // The presence check itself is not cached.
-        QCOMPARE(valueOf(call(QStringLiteral("usb:isAvailable"))).toBool(), true);
-
         QThread::msleep(1050);
-        const OrderedObject rebuilt = m_bridge->helperRuntime();
-        QCOMPARE(rebuilt.value(QStringLiteral("helperAvailable")).toBool(), true);
-        QCOMPARE(rebuilt.value(QStringLiteral("helperRuntimePath")).toString(), hostPath);
-        QCOMPARE(QFileInfo(hostPath).fileName(), QStringLiteral("vantro-sign-native-host"));
+        QCOMPARE(m_bridge->helperRuntime(), first);
+        QCOMPARE(valueOf(call(QStringLiteral("usb:isAvailable"))).toBool(), false);
+
+        DesktopBridge restarted(m_state.get(), m_api.get());
+        const OrderedObject found = restarted.helperRuntime();
+        QCOMPARE(found.value(QStringLiteral("helperAvailable")).toBool(), true);
+        QCOMPARE(found.value(QStringLiteral("helperRuntimePath")).toString(), appDir);
+        QCOMPARE(restarted.handle(QStringLiteral("usb:isAvailable"), {}, m_source)
+                     .value(QStringLiteral("value"))
+                     .toBool(),
+                 true);
+    }
+
+    void helperSearchOrder_data()
+    {
+        QTest::addColumn<QStringList>("installed");
+        QTest::addColumn<QString>("expected");
+        const QStringList all{"app/h", "app/mw/h", "mw/h", "h"};
+        QTest::newRow("beside the program wins") << all << "app/h";
+        QTest::newRow("then mw below it") << all.mid(1) << "app/mw/h";
+        QTest::newRow("then mw beside it") << all.mid(2) << "mw/h";
+        QTest::newRow("then the parent directory") << all.mid(3) << "h";
+        QTest::newRow("nowhere") << QStringList() << "";
+        QTest::newRow("a folder of that name is no program") << QStringList{"app/h/"} << "";
+    }
+
+    void helperSearchOrder()
+    {
+        QFETCH(QStringList, installed);
+        QFETCH(QString, expected);
+        QTemporaryDir base;
+        QVERIFY(QDir().mkpath(base.filePath(QStringLiteral("app"))));
+        for (const QString& relative : installed) {
+            const QString path = base.filePath(relative);
+            QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
+            QFile file(path);
+            QVERIFY(relative.endsWith(QLatin1Char('/')) || file.open(QIODevice::WriteOnly));
+        }
+        const QString found =
+            findHelperExecutable(base.filePath(QStringLiteral("app")), QStringLiteral("h"));
+        QCOMPARE(found, expected.isEmpty() ? QString() : base.filePath(expected));
     }
 
     void stateRowsWithoutState_data()
@@ -720,11 +761,10 @@ private Q_SLOTS:
         QCOMPARE(m_state->localRoot(), m_profile->rootPath());
     }
 
-    void pickFilesCancelledGivesEmptyList()
+    void pickFilesCancelledImportsNothing()
     {
         const OrderedObject result = call(QStringLiteral("sign:pickFiles"));
-        QVERIFY(isOk(result));
-        QCOMPARE(valueOf(result).toList(), QVariantList());
+        QCOMPARE(codeOf(result), kNothingPicked);
         QCOMPARE(m_shell->calls,
                  QStringList{QStringLiteral("pickFiles|Pasirinkite dokumentus|%1|Vantro Sign "
                                             "documents (*.pdf *.doc *.docx *.odt *.xls *.xlsx "
