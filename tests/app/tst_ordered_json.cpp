@@ -10,17 +10,6 @@
 
 using namespace vantro;
 
-namespace {
-
-QByteArray viaDocument(const QVariant& value)
-{
-    const QByteArray array =
-        QJsonDocument(QJsonArray{QJsonValue::fromVariant(value)}).toJson(QJsonDocument::Compact);
-    return array.mid(1, array.size() - 2);
-}
-
-} // namespace
-
 class OrderedJsonTest : public QObject
 {
     Q_OBJECT
@@ -29,36 +18,29 @@ private Q_SLOTS:
     void scalarsMatchTheDocumentWriter_data()
     {
         QTest::addColumn<QVariant>("value");
-        QTest::newRow("plain text") << QVariant(QStringLiteral("sign:getStatus"));
-        QTest::newRow("empty text") << QVariant(QString());
-        QTest::newRow("quote") << QVariant(QStringLiteral("a\"b"));
-        QTest::newRow("backslash") << QVariant(QStringLiteral("C:\\Users\\x"));
-        QTest::newRow("control characters") << QVariant(QStringLiteral("a\nb\tc\x01"));
-        QTest::newRow("delete character") << QVariant(QStringLiteral("a\x7f"));
+        QTest::newRow("quote and backslash") << QVariant("C:\\a\"b");
+        QTest::newRow("control characters") << QVariant("a\nb\tc\x01\x7f");
         QTest::newRow("non-ASCII") << QVariant(QStringLiteral("Pasirašymo šaknis ✓"));
         QTest::newRow("line separator") << QVariant(QString(QChar(0x2028)));
-        QTest::newRow("zero") << QVariant(0);
         QTest::newRow("negative int") << QVariant(std::numeric_limits<int>::min());
         QTest::newRow("unsigned") << QVariant(std::numeric_limits<uint>::max());
         QTest::newRow("large long long") << QVariant(std::numeric_limits<qlonglong>::max());
         QTest::newRow("beyond double precision") << QVariant(qlonglong(1LL << 53) + 1);
         QTest::newRow("double") << QVariant(1.5);
     }
-
     void scalarsMatchTheDocumentWriter()
     {
         QFETCH(QVariant, value);
-        const QByteArray expected = viaDocument(value);
+        const QJsonArray array{QJsonValue::fromVariant(value)};
+        const QByteArray expected =
+            QJsonDocument(array).toJson(QJsonDocument::Compact).chopped(1).mid(1);
         QCOMPARE(toCompactJson(value), expected);
-        QCOMPARE(OrderedObject({{QStringLiteral("k"), value}}).toJson(),
-                 QByteArray("{\"k\":" + expected + "}"));
+        QCOMPARE(OrderedObject({{"k", value}}).toJson(), "{\"k\":" + expected + "}");
     }
 
     void keysKeepTheirOrderAndEscaping()
     {
-        const OrderedObject object{{QStringLiteral("z"), 1},
-                                   {QStringLiteral("a\"b"), true},
-                                   {QStringLiteral("m"), QVariantList{QStringLiteral("x"), 2}}};
+        const OrderedObject object{{"z", 1}, {"a\"b", true}, {"m", QVariantList{"x", 2}}};
         QCOMPARE(object.toJson(), QByteArray("{\"z\":1,\"a\\\"b\":true,\"m\":[\"x\",2]}"));
     }
 };

@@ -1,63 +1,40 @@
 #pragma once
 
-// Doubles and an isolated profile shared by the bridge tests.
+// Isolated profile, doubles and the one fixture shared by the bridge tests.
+#include "api/SignApiClient.h"
+#include "app/AppState.h"
 #include "bridge/BridgeChannel.h"
+#include "bridge/DesktopBridge.h"
 #include "bridge/DesktopShell.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QList>
-#include <QMutex>
-#include <QStringList>
 #include <QTemporaryDir>
+#include <QTest>
 #include <QUrl>
 
 #include <functional>
 
 namespace vantro::test {
 
-// Points HOME and the XDG folders at a fresh temporary directory, so device.json, local.db and
-// the local root of one test run never meet another's.
-class IsolatedProfile
+// Points HOME and the XDG folders at `home` and writes a device.json naming a local root there,
+// so device.json, local.db and the root of one test never meet another's.
+inline bool prepareProfile(const QString& home)
 {
-public:
-    IsolatedProfile()
-    {
-        const QByteArray home = m_dir.path().toUtf8();
-        qputenv("HOME", home);
-        qputenv("XDG_DATA_HOME", home + "/.local/share");
-        qputenv("XDG_CONFIG_HOME", home + "/.config");
-        qputenv("XDG_CACHE_HOME", home + "/.cache");
-        qunsetenv("VANTRO_SIGN_BASE_URL");
-        qunsetenv("VANTRO_SIGN_ALLOW_LOCAL_API_BASE");
-        QDir().mkpath(rootPath());
-        writeDevice(QJsonObject{{QStringLiteral("localRoot"), rootPath()}});
-    }
-
-    bool isValid() const { return m_dir.isValid(); }
-    QString path(const QString& name = {}) const { return m_dir.filePath(name); }
-    QString devicePath() const { return m_dir.filePath(QStringLiteral("device.json")); }
-    QString rootPath() const { return m_dir.filePath(QStringLiteral("root")); }
-
-    void writeDevice(const QJsonObject& object) const
-    {
-        QFile file(devicePath());
-        if (file.open(QIODevice::WriteOnly | QIODevice::Truncate))
-            file.write(QJsonDocument(object).toJson());
-    }
-
-    QByteArray deviceBytes() const
-    {
-        QFile file(devicePath());
-        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
-    }
-
-private:
-    QTemporaryDir m_dir;
-};
+    const QByteArray dir = home.toUtf8();
+    qputenv("HOME", dir);
+    qputenv("XDG_DATA_HOME", dir + "/.local/share");
+    qputenv("XDG_CONFIG_HOME", dir + "/.config");
+    qputenv("XDG_CACHE_HOME", dir + "/.cache");
+    qunsetenv("VANTRO_SIGN_BASE_URL");
+    qunsetenv("VANTRO_SIGN_ALLOW_LOCAL_API_BASE");
+    QFile device(home + "/device.json");
+    return QDir().mkpath(home + "/root") && device.open(QIODevice::WriteOnly) &&
+           device.write(QJsonDocument(QJsonObject{{"localRoot", home + "/root"}}).toJson()) > 0;
+}
 
 // Records every answer and script the channel hands to the browser.
 class FakeWebView : public BridgeWebView
@@ -65,8 +42,7 @@ class FakeWebView : public BridgeWebView
 public:
     void postWebMessageAsJson(const QByteArray& json) override { posts << json; }
     void executeScript(const QString& script) override { scripts << script; }
-
-    // The answer object posted under `id`, or an empty object.
+    // The answer posted under `id`, or an empty object.
     QJsonObject answer(const QString& id) const
     {
         for (const QByteArray& post : posts) {
@@ -76,69 +52,116 @@ public:
         }
         return {};
     }
-
     QList<QByteArray> posts;
     QStringList scripts;
 };
 
-// Dialogs and folder opening on demand. `duringDialog` runs while a picker is "open", the way
-// a modal dialog runs the event loop; a test uses it to call in while the first call waits.
+// Records every dialog and opened URL. `duringDialog` runs while a picker is "open", as a modal
+// dialog runs the event loop: tests call in there while the first call still holds the bridge.
 class FakeShell : public DesktopShell
 {
 public:
-    QString pickFolder(const QString& title, const QString& startDir) override
+    QString pickFolder(const QString& title, const QString& start) override
     {
-        calls << QStringLiteral("pickFolder|%1|%2").arg(title, startDir);
-        runDialog();
+        dialog(QStringList{"pickFolder", title, start});
         return folderAnswer;
     }
-
-    QStringList pickFiles(const QString& title, const QString& startDir,
+    QStringList pickFiles(const QString& title, const QString& start,
                           const QString& filter) override
     {
-        calls << QStringLiteral("pickFiles|%1|%2|%3").arg(title, startDir, filter);
-        runDialog();
+        dialog(QStringList{"pickFiles", title, start, filter});
         return filesAnswer;
     }
-
     bool openUrl(const QUrl& url) override
     {
-        opened << url;
+        calls << "open|" + url.toLocalFile();
         return openAnswer;
     }
-
     QString folderAnswer;
     QStringList filesAnswer;
     bool openAnswer = true;
     std::function<void()> duringDialog;
     QStringList calls;
-    QList<QUrl> opened;
 
 private:
-    void runDialog()
+    void dialog(const QStringList& call)
     {
+        calls << call.join('|');
         if (duringDialog)
             duringDialog();
     }
 };
 
-// A stand-in card host program beside the test executable, removed again at scope end.
-class HostProgramBeside
+// The main-thread component set in a fresh profile, built in the order the window builds it.
+struct BridgeFixture
 {
-public:
-    explicit HostProgramBeside(const QString& path)
-        : m_path(path)
+    BridgeFixture() { bridge.setDesktopShell(&shell); }
+    QString path(const QString& name) const { return home.filePath(name); }
+    QString devicePath() const { return path("device.json"); }
+    QString rootPath() const { return path("root"); }
+    QByteArray deviceBytes() const
     {
-        QFile file(m_path);
-        if (file.open(QIODevice::WriteOnly))
-            file.write("#!/bin/sh\n");
+        QFile file(devicePath());
+        return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     }
-    ~HostProgramBeside() { QFile::remove(m_path); }
-    HostProgramBeside(const HostProgramBeside&) = delete;
-    HostProgramBeside& operator=(const HostProgramBeside&) = delete;
-
-private:
-    QString m_path;
+    OrderedObject call(const QString& method, const QVariantList& args = {})
+    {
+        return bridge.handle(method, args, source);
+    }
+    QTemporaryDir home;
+    const bool prepared = prepareProfile(home.path()); // before the state loads device.json
+    AppState state{devicePath()};
+    SignApiClient api{&state};
+    FakeShell shell;
+    DesktopBridge bridge{&state, &api};
+    const QString source = api.webAppUrl().toString();
 };
+
+inline QVariantList argsFromJson(const QString& json)
+{
+    return QJsonDocument::fromJson(json.toUtf8()).array().toVariantList();
+}
+
+// Compact QtTest tables: addColumns<QString, int>({"a", "b"}); addRow("name", "text", 1);
+template <typename... Types> void addColumns(const QList<const char*>& names)
+{
+    int i = 0;
+    (QTest::addColumn<Types>(names.at(i++)), ...);
+}
+inline QString column(const char* text)
+{
+    return QString::fromUtf8(text);
+}
+template <typename T> const T& column(const T& value)
+{
+    return value;
+}
+template <typename... Values> void addRow(const char* name, const Values&... values)
+{
+    (QTest::newRow(name) << ... << column(values));
+}
+
+// Expected result objects as compact JSON.
+inline QString err(const QString& code, const QString& message)
+{
+    return QStringLiteral(R"({"ok":false,"error":{"code":"%1","message":"%2"}})")
+        .arg(code, message);
+}
+inline QString okJson(const QString& value)
+{
+    return QStringLiteral(R"({"ok":true,"value":%1})").arg(value);
+}
+
+// The error code of a result object, as the bridge returns it or inside a posted answer.
+struct Result
+{
+    Result(const OrderedObject& result) { data = result.toVariant(); }
+    Result(const QJsonObject& answer) { data = answer.value("result").toVariant(); }
+    QVariant data;
+};
+inline QString codeOf(const Result& result)
+{
+    return variantMember(variantMember(result.data, "error"), "code").toString();
+}
 
 } // namespace vantro::test

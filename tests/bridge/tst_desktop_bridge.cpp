@@ -1,16 +1,14 @@
-// DesktopBridge: origin check, exclusive rule, routing, error mapping and the built rows.
+// DesktopBridge: method sets, exclusive rule, origin check, routing, error mapping and the rows.
 #include "BridgeTestSupport.h"
 
-#include "api/SignApiClient.h"
-#include "app/AppState.h"
 #include "app/Errors.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeDispatch.h"
-#include "bridge/DesktopBridge.h"
 #include "bridge/NativeHost.h"
+#include "store/LocalStore.h"
 #include "vantro_config.h"
 
-#include <QJsonArray>
+#include <QScopeGuard>
 #include <QThread>
 #include <QtTest>
 
@@ -23,377 +21,111 @@ using namespace vantro::test;
 
 namespace {
 
-struct MethodTraits
+QStringList names(const char* spaced)
 {
-    const char* name;
-    bool async;
-    bool exclusive;
-};
+    return QString::fromLatin1(spaced).split(QLatin1Char(' '));
+}
 
-// Every page method in dispatch order with the thread it runs on and whether it is exclusive.
-const QList<MethodTraits> kMethods{
-    {"sign:getStatus", false, false},
-    {"sign:getUpdateStatus", false, false},
-    {"sign:checkForUpdates", false, false},
-    {"sign:startUpdate", false, false},
-    {"sign:cancelUpdate", false, false},
-    {"sign:applyUpdate", false, false},
-    {"sign:getTheme", false, false},
-    {"sign:setTheme", false, false},
-    {"sign:getLocalDeleteSettings", false, false},
-    {"sign:setLocalDeleteSettings", false, false},
-    {"sign:setQesVisualPosition", false, false},
-    {"sign:getLocalRoot", false, false},
-    {"sign:setLocalRoot", false, false},
-    {"sign:pickFiles", false, true},
-    {"sign:reconcileLocalRoot", true, true},
-    {"sign:listDocuments", false, false},
-    {"sign:listJobs", false, false},
-    {"sign:deleteLocalDocument", true, true},
-    {"sign:uploadLocalDocument", true, true},
-    {"sign:runPdfTool", true, true},
-    {"sign:listExternalInvitations", true, false},
-    {"sign:createExternalInvitation", true, true},
-    {"sign:cancelExternalInvitation", true, true},
-    {"sign:remindExternalInvitation", true, true},
-    {"sign:hashFile", true, false},
-    {"sign:queueUpload", true, true},
-    {"sign:mirrorArtifact", true, false},
-    {"sign:ensureLocalArtifactAndReveal", true, true},
-    {"sign:cancelArtifactReveal", false, false},
-    {"sign:getMirrorStatus", false, false},
-    {"sign:retryMirrorQueue", true, true},
-    {"sign:openServerDocument", true, false},
-    {"sign:renderServerDocumentPreview", true, false},
-    {"sign:warmServerDocumentPreview", true, false},
-    {"sign:showNativePreview", true, false},
-    {"sign:closeNativePreview", false, false},
-    {"sign:openLocalRoot", false, false},
-    {"sign:openLocalFolder", false, false},
-    {"sign:openLocalArtifactFolder", false, false},
-    {"sign:getLocalArtifactStatus", true, false},
-    {"sign:removeLocalArtifact", false, true},
-    {"sign:removeLocalDocumentArtifacts", false, true},
-    {"sign:extractAdocFiles", true, true},
-    {"sign:openLocalFile", false, false},
-    {"sign:revealLocalFile", false, false},
-    {"sign:activate", false, false},
-    {"usb:isAvailable", false, false},
-    {"usb:diagnose", true, false},
-    {"usb:getSigningCertificate", true, true},
-    {"usb:sign", true, true},
-    {"usb:signBatch", true, true},
-    {"usb:authenticate", true, true},
-};
+// Written out in full, so a method added to or dropped from either set in the code fails.
+const QStringList kAsync = names(
+    "usb:diagnose usb:getSigningCertificate usb:sign usb:signBatch usb:authenticate "
+    "sign:reconcileLocalRoot sign:uploadLocalDocument sign:runPdfTool "
+    "sign:createExternalInvitation sign:cancelExternalInvitation sign:remindExternalInvitation "
+    "sign:listExternalInvitations sign:queueUpload sign:mirrorArtifact "
+    "sign:ensureLocalArtifactAndReveal sign:retryMirrorQueue sign:getLocalArtifactStatus "
+    "sign:openServerDocument sign:renderServerDocumentPreview sign:warmServerDocumentPreview "
+    "sign:showNativePreview sign:deleteLocalDocument sign:extractAdocFiles sign:hashFile");
+const QStringList kExclusive = names(
+    "sign:pickFiles sign:reconcileLocalRoot sign:deleteLocalDocument sign:uploadLocalDocument "
+    "sign:runPdfTool sign:createExternalInvitation sign:cancelExternalInvitation "
+    "sign:remindExternalInvitation sign:queueUpload sign:ensureLocalArtifactAndReveal "
+    "sign:retryMirrorQueue sign:removeLocalArtifact sign:removeLocalDocumentArtifacts "
+    "sign:extractAdocFiles usb:getSigningCertificate usb:sign usb:signBatch usb:authenticate");
 
-// Rows whose components are not part of this build yet.
-const QStringList kPendingMethods{
-    QStringLiteral("sign:reconcileLocalRoot"),
-    QStringLiteral("sign:deleteLocalDocument"),
-    QStringLiteral("sign:uploadLocalDocument"),
-    QStringLiteral("sign:runPdfTool"),
-    QStringLiteral("sign:listExternalInvitations"),
-    QStringLiteral("sign:createExternalInvitation"),
-    QStringLiteral("sign:cancelExternalInvitation"),
-    QStringLiteral("sign:remindExternalInvitation"),
-    QStringLiteral("sign:hashFile"),
-    QStringLiteral("sign:queueUpload"),
-    QStringLiteral("sign:mirrorArtifact"),
-    QStringLiteral("sign:ensureLocalArtifactAndReveal"),
-    QStringLiteral("sign:cancelArtifactReveal"),
-    QStringLiteral("sign:getMirrorStatus"),
-    QStringLiteral("sign:retryMirrorQueue"),
-    QStringLiteral("sign:openServerDocument"),
-    QStringLiteral("sign:renderServerDocumentPreview"),
-    QStringLiteral("sign:warmServerDocumentPreview"),
-    QStringLiteral("sign:showNativePreview"),
-    QStringLiteral("sign:closeNativePreview"),
-    QStringLiteral("sign:openLocalArtifactFolder"),
-    QStringLiteral("sign:getLocalArtifactStatus"),
-    QStringLiteral("sign:removeLocalArtifact"),
-    QStringLiteral("sign:removeLocalDocumentArtifacts"),
-    QStringLiteral("sign:extractAdocFiles"),
-    QStringLiteral("sign:openLocalFile"),
-    QStringLiteral("sign:revealLocalFile"),
-    QStringLiteral("usb:diagnose"),
-    QStringLiteral("usb:getSigningCertificate"),
-    QStringLiteral("usb:sign"),
-    QStringLiteral("usb:signBatch"),
-    QStringLiteral("usb:authenticate"),
-};
-
-const QString kBusyMessage =
-    QStringLiteral("Vantro Sign is still processing the previous desktop request.");
-// What sign:pickFiles answers when its dialog was cancelled: it ran, and imported nothing.
+// sign:pickFiles with its dialog cancelled: it ran, holding the flag, and imported nothing.
 const QString kNothingPicked = QStringLiteral("VANTRO_SIGN_IMPORT_FILES_REQUIRED");
 
-bool isOk(const OrderedObject& result)
+QStringList tableNames()
 {
-    return result.value(QStringLiteral("ok")).toBool();
+    QStringList all;
+    for (const DispatchTable* table : {&signMethodTable(), &usbMethodTable()})
+        for (const BridgeMethod& row : table->methods)
+            all << QString::fromLatin1(row.name);
+    return all;
 }
 
-QString codeOf(const OrderedObject& result)
+QString json(const OrderedObject& result)
 {
-    return variantMember(result.value(QStringLiteral("error")), QStringLiteral("code")).toString();
+    return QString::fromUtf8(result.toJson());
 }
 
-QString messageOf(const OrderedObject& result)
-{
-    return variantMember(result.value(QStringLiteral("error")), QStringLiteral("message"))
-        .toString();
-}
-
-QVariant valueOf(const OrderedObject& result)
-{
-    return result.value(QStringLiteral("value"));
-}
-
-QVariantList argsFromJson(const QByteArray& json)
-{
-    return QJsonDocument::fromJson(json).array().toVariantList();
-}
-
-QStringList tableNames(const DispatchTable& table)
-{
-    QStringList names;
-    for (const BridgeMethod& row : table.methods)
-        names << QString::fromLatin1(row.name);
-    return names;
-}
+// The component a refusal row leaves out of its bridge.
+constexpr int kNothing = 0, kClient = 1, kState = 2, kShell = 3;
 
 } // namespace
 
 class TestDesktopBridge : public QObject
 {
     Q_OBJECT
-
-private:
-    OrderedObject call(const QString& method, const QVariantList& args = {})
-    {
-        return m_bridge->handle(method, args, m_source);
-    }
-
-    std::unique_ptr<IsolatedProfile> m_profile;
-    std::unique_ptr<AppState> m_state;
-    std::unique_ptr<SignApiClient> m_api;
-    std::unique_ptr<DesktopBridge> m_bridge;
-    std::unique_ptr<FakeShell> m_shell;
-    QString m_source;
+    std::unique_ptr<BridgeFixture> f;
 
 private Q_SLOTS:
     void init()
     {
-        m_profile = std::make_unique<IsolatedProfile>();
-        QVERIFY(m_profile->isValid());
-        m_state = std::make_unique<AppState>(m_profile->devicePath());
-        m_api = std::make_unique<SignApiClient>(m_state.get());
-        m_bridge = std::make_unique<DesktopBridge>(m_state.get(), m_api.get());
-        m_shell = std::make_unique<FakeShell>();
-        m_bridge->setDesktopShell(m_shell.get());
-        m_source = m_api->webAppUrl().toString();
-        QVERIFY(m_api->isAllowedOrigin(QUrl(m_source)));
+        f = std::make_unique<BridgeFixture>();
+        QVERIFY(f->prepared && f->api.isAllowedOrigin(QUrl(f->source)));
     }
-
-    void cleanup()
-    {
-        m_bridge.reset();
-        m_api.reset();
-        m_state.reset();
-        m_shell.reset();
-        m_profile.reset();
-    }
+    void cleanup() { f.reset(); }
 
     void methodSets_data()
     {
-        QTest::addColumn<QString>("method");
-        QTest::addColumn<bool>("async");
-        QTest::addColumn<bool>("exclusive");
-        for (const MethodTraits& traits : kMethods)
-            QTest::newRow(traits.name)
-                << QString::fromLatin1(traits.name) << traits.async << traits.exclusive;
-        // Names are compared exactly: other spellings are in neither set.
-        QTest::newRow("upper-case prefix") << QStringLiteral("SIGN:pickFiles") << false << false;
-        QTest::newRow("lower-case name") << QStringLiteral("usb:signbatch") << false << false;
-        QTest::newRow("trailing blank") << QStringLiteral("usb:sign ") << false << false;
-        QTest::newRow("empty") << QString() << false << false;
+        addColumns<QString>({"method"});
+        QStringList all = tableNames() + kAsync + kExclusive;
+        all.removeDuplicates();
+        for (const QString& method : all)
+            addRow(qPrintable(method), method);
     }
 
+    // While sign:pickFiles holds the flag (its dialog open), exclusive rows get their family's
+    // busy answer and the others run; afterwards the flag is free again.
     void methodSets()
     {
         QFETCH(QString, method);
-        QFETCH(bool, async);
-        QFETCH(bool, exclusive);
-        QCOMPARE(DesktopBridge::isAsynchronous(method), async);
+        QVERIFY(tableNames().contains(method));
+        const bool exclusive = kExclusive.contains(method);
+        QCOMPARE(DesktopBridge::isAsynchronous(method), kAsync.contains(method));
         QCOMPARE(DesktopBridge::isExclusive(method), exclusive);
-    }
-
-    void methodSetSizes()
-    {
-        int async = 0;
-        int exclusive = 0;
-        for (const MethodTraits& traits : kMethods) {
-            async += DesktopBridge::isAsynchronous(QString::fromLatin1(traits.name)) ? 1 : 0;
-            exclusive += DesktopBridge::isExclusive(QString::fromLatin1(traits.name)) ? 1 : 0;
-        }
-        QCOMPARE(async, 24);
-        QCOMPARE(exclusive, 18);
-    }
-
-    void tablesListEveryMethodInDispatchOrder()
-    {
-        QStringList expected;
-        for (const MethodTraits& traits : kMethods)
-            expected << QString::fromLatin1(traits.name);
-        QCOMPARE(tableNames(signMethodTable()) + tableNames(usbMethodTable()), expected);
-    }
-
-    void pendingRowsNameTheirComponent_data()
-    {
-        QTest::addColumn<QString>("method");
-        QTest::addColumn<QString>("code");
-        for (const QString& method : kPendingMethods)
-            QTest::newRow(qPrintable(method))
-                << method
-                << (method.startsWith(QLatin1String("usb:"))
-                        ? QStringLiteral("VANTRO_USB_HELPER_UNAVAILABLE")
-                        : QStringLiteral("VANTRO_SIGN_COMPONENT_UNAVAILABLE"));
-    }
-
-    void pendingRowsNameTheirComponent()
-    {
-        QFETCH(QString, method);
-        QFETCH(QString, code);
-        const OrderedObject result = call(method, {QVariantMap{}});
-        QVERIFY(!isOk(result));
-        QCOMPARE(codeOf(result), code);
-        QVERIFY2(QRegularExpression(QStringLiteral("^\\S.* is not available in this build\\.$"))
-                     .match(messageOf(result))
-                     .hasMatch(),
-                 qPrintable(messageOf(result)));
-        // The exclusive flag of a pending row is released like any other.
-        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
-    }
-
-    void originForbidden_data()
-    {
-        QTest::addColumn<QString>("source");
-        QTest::addColumn<QString>("method");
-        const QString origin = QString::fromLatin1(config::kProductionOrigin);
-        QTest::newRow("empty source") << QString() << QStringLiteral("sign:getStatus");
-        QTest::newRow("other host")
-            << QStringLiteral("https://evil.example/sign/app/") << QStringLiteral("sign:getStatus");
-        QTest::newRow("same origin, other path")
-            << origin + QStringLiteral("/other/") << QStringLiteral("sign:getTheme");
-        QTest::newRow("path that only starts like the app")
-            << origin + QStringLiteral("/sign/application") << QStringLiteral("sign:getTheme");
-        QTest::newRow("plain http") << QStringLiteral("http://sign.vantro.example/sign/app/")
-                                    << QStringLiteral("sign:getTheme");
-        QTest::newRow("explicit other port")
-            << QStringLiteral("https://sign.vantro.example:8443/sign/app/")
-            << QStringLiteral("usb:sign");
-        QTest::newRow("portal origin")
-            << QString::fromLatin1(config::kPortalOrigin) + QStringLiteral("/sign/app/")
-            << QStringLiteral("sign:activate");
-        QTest::newRow("javascript url")
-            << QStringLiteral("javascript:alert(1)") << QStringLiteral("sign:pickFiles");
-        QTest::newRow("garbage") << QStringLiteral("::: not a url :::")
-                                 << QStringLiteral("file:open");
-    }
-
-    void originForbidden()
-    {
-        QFETCH(QString, source);
-        QFETCH(QString, method);
-        const OrderedObject result = m_bridge->handle(method, {}, source);
-        QCOMPARE(codeOf(result), QStringLiteral("ERR_VANTRO_ORIGIN_FORBIDDEN"));
-        QCOMPARE(messageOf(result), QStringLiteral("Vantro Sign bridge rejected this origin."));
-        QVERIFY(m_shell->calls.isEmpty());
-    }
-
-    void originForbiddenWithoutClient()
-    {
-        DesktopBridge bridge(m_state.get(), nullptr);
-        const OrderedObject result = bridge.handle(QStringLiteral("sign:getTheme"), {}, m_source);
-        QCOMPARE(codeOf(result), QStringLiteral("ERR_VANTRO_ORIGIN_FORBIDDEN"));
-    }
-
-    void unknownMethods_data()
-    {
-        QTest::addColumn<QString>("method");
-        QTest::newRow("other prefix") << QStringLiteral("file:open");
-        QTest::newRow("unknown sign name") << QStringLiteral("sign:nope");
-        QTest::newRow("unknown usb name") << QStringLiteral("usb:nope");
-        QTest::newRow("bare sign prefix") << QStringLiteral("sign:");
-        QTest::newRow("prefix case differs") << QStringLiteral("Sign:getStatus");
-        QTest::newRow("name case differs") << QStringLiteral("sign:getstatus");
-        QTest::newRow("usb name case differs") << QStringLiteral("usb:isavailable");
-        QTest::newRow("no prefix") << QStringLiteral("getStatus");
-        QTest::newRow("empty") << QString();
-    }
-
-    void unknownMethods()
-    {
-        QFETCH(QString, method);
-        const OrderedObject result = call(method);
-        QCOMPARE(codeOf(result), QStringLiteral("VANTRO_SIGN_BRIDGE_METHOD_UNKNOWN"));
-        QCOMPARE(messageOf(result), method);
-    }
-
-    void resultBuilders()
-    {
-        const QByteArray okNumber = R"({"ok":true,"value":5})";
-        const QByteArray okNull = R"({"ok":true,"value":null})";
-        // Written without a raw literal: moc misreads a backslash inside one.
-        const QByteArray failure =
-            "{\"ok\":false,\"error\":{\"code\":\"X_Y\",\"message\":\"m\\\"n\"}}";
-        QCOMPARE(DesktopBridge::ok(5).toJson(), okNumber);
-        QCOMPARE(DesktopBridge::ok().toJson(), okNull);
-        QCOMPARE(DesktopBridge::error(QStringLiteral("X_Y"), QStringLiteral("m\"n")).toJson(),
-                 failure);
+        OrderedObject during;
+        bool entered = false;
+        QString heldAfter;
+        f->shell.duringDialog = [&] {
+            if (std::exchange(entered, true)) // dialog rows must not recurse
+                return;
+            during = f->call(method, {QVariantMap{}});
+            // Whatever that call did, the flag is still the holder's.
+            heldAfter = codeOf(f->call("usb:sign"));
+        };
+        QCOMPARE(codeOf(f->call("sign:pickFiles")), kNothingPicked);
+        QCOMPARE(heldAfter, "VANTRO_USB_BRIDGE_BUSY");
+        QCOMPARE(codeOf(during).endsWith("_BUSY"), exclusive);
+        if (exclusive)
+            QCOMPARE(json(during),
+                     err(method.startsWith("usb:") ? "VANTRO_USB_BRIDGE_BUSY"
+                                                   : "VANTRO_SIGN_BRIDGE_BUSY",
+                         "Vantro Sign is still processing the previous desktop request."));
+        f->shell.duringDialog = nullptr;
+        QVERIFY(!codeOf(f->call(method, {QVariantMap{}})).endsWith("_BUSY"));
     }
 
     void exceptionsBecomeErrors_data()
     {
-        QTest::addColumn<QString>("kind");
-        QTest::addColumn<QString>("text");
-        QTest::addColumn<QString>("code");
-        QTest::addColumn<QString>("message");
-        const QString fallback = QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR");
-        QTest::newRow("code and message") << "vantro"
-                                          << "CODE: msg"
-                                          << "CODE"
-                                          << "CODE: msg";
-        QTest::newRow("empty code") << "vantro"
-                                    << ": msg" << fallback << ": msg";
-        QTest::newRow("no colon") << "vantro"
-                                  << "no colon"
-                                  << "no colon"
-                                  << "no colon";
-        QTest::newRow("spaced code") << "vantro"
-                                     << "  SPACED  : x"
-                                     << "SPACED"
-                                     << "  SPACED  : x";
-        QTest::newRow("several colons") << "vantro"
-                                        << "A: b: c"
-                                        << "A"
-                                        << "A: b: c";
-        QTest::newRow("empty text") << "vantro"
-                                    << "" << fallback << "";
-        QTest::newRow("non-ascii detail") << "vantro"
-                                          << "CODE: Žinutė"
-                                          << "CODE"
-                                          << "CODE: Žinutė";
-        QTest::newRow("std runtime_error") << "runtime"
-                                           << "DB_LOCKED: busy"
-                                           << "DB_LOCKED"
-                                           << "DB_LOCKED: busy";
-        QTest::newRow("std logic_error") << "logic"
-                                         << "bad state"
-                                         << "bad state"
-                                         << "bad state";
-        QTest::newRow("not an exception class")
-            << "int"
-            << "" << fallback << "Unexpected failure in sign:pickFiles.";
+        addColumns<QString, QString, QString, QString>({"kind", "text", "code", "message"});
+        const char* fallback = "VANTRO_SIGN_BRIDGE_ERROR";
+        addRow("code before the first colon, trimmed", "vantro", " A : b: c", "A", " A : b: c");
+        addRow("empty code", "vantro", ": msg", fallback, ": msg");
+        addRow("no colon", "vantro", "no colon", "no colon", "no colon");
+        addRow("other std exception", "logic", "DB: x", "DB", "DB: x");
+        addRow("non-std exception", "int", "", fallback, "Unexpected failure in sign:pickFiles.");
     }
 
     void exceptionsBecomeErrors()
@@ -402,561 +134,239 @@ private Q_SLOTS:
         QFETCH(QString, text);
         QFETCH(QString, code);
         QFETCH(QString, message);
-        m_shell->duringDialog = [&] {
-            if (kind == QLatin1String("vantro"))
+        f->shell.duringDialog = [&] {
+            if (kind == "vantro")
                 throw VantroError(text);
-            if (kind == QLatin1String("runtime"))
-                throw std::runtime_error(text.toStdString());
-            if (kind == QLatin1String("logic"))
+            if (kind == "logic")
                 throw std::logic_error(text.toStdString());
             throw 42;
         };
-        const OrderedObject result = call(QStringLiteral("sign:pickFiles"));
-        QVERIFY(!isOk(result));
-        QCOMPARE(codeOf(result), code);
-        QCOMPARE(messageOf(result), message);
-
-        // The throw left the exclusive section: the next exclusive call is not busy.
-        m_shell->duringDialog = nullptr;
-        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
+        QCOMPARE(json(f->call("sign:pickFiles")), err(code, message));
+        // The throw left the exclusive section: the next exclusive call is not refused as busy.
+        f->shell.duringDialog = nullptr;
+        QCOMPARE(codeOf(f->call("sign:pickFiles")), kNothingPicked);
     }
 
-    void exclusiveRuleWhileAnotherRuns_data()
+    void refusedBeforeRouting_data()
     {
-        QTest::addColumn<QString>("method");
-        QTest::addColumn<QString>("busyCode");
-        for (const MethodTraits& traits : kMethods) {
-            const QString name = QString::fromLatin1(traits.name);
-            QString code;
-            if (traits.exclusive)
-                code = name.startsWith(QLatin1String("usb:"))
-                           ? QStringLiteral("VANTRO_USB_BRIDGE_BUSY")
-                           : QStringLiteral("VANTRO_SIGN_BRIDGE_BUSY");
-            QTest::newRow(traits.name) << name << code;
-        }
+        addColumns<int, QString, QString, QString>({"missing", "source", "method", "result"});
+        const QString app = QString::fromLatin1(config::kProductionOrigin);
+        const QString origin =
+            err("ERR_VANTRO_ORIGIN_FORBIDDEN", "Vantro Sign bridge rejected this origin.");
+        addRow("empty source", kNothing, "", "sign:pickFiles", origin);
+        addRow("other host", kNothing, "https://evil.example/sign/app/", "sign:pickFiles", origin);
+        addRow("app origin, other path", kNothing, app + "/other/", "sign:pickFiles", origin);
+        addRow("no service client", kClient, "@app", "sign:getTheme", origin);
+        addRow("no state", kState, "@app", "sign:pickFiles",
+               err("VANTRO_SIGN_STATE_UNAVAILABLE", "Vantro Sign state is unavailable."));
+        addRow("no desktop shell", kShell, "@app", "sign:setLocalRoot",
+               err("VANTRO_SIGN_DESKTOP_SHELL_UNAVAILABLE",
+                   "Dialogs and folder opening are only available on the main thread."));
     }
 
-    // sign:pickFiles holds the flag while its dialog is open; calls made meanwhile meet it.
-    void exclusiveRuleWhileAnotherRuns()
+    // No dialog opens and nothing is stored when a call is refused.
+    void refusedBeforeRouting()
+    {
+        QFETCH(int, missing);
+        QFETCH(QString, source);
+        QFETCH(QString, method);
+        QFETCH(QString, result);
+        DesktopBridge bridge(missing == kState ? nullptr : &f->state,
+                             missing == kClient ? nullptr : &f->api);
+        bridge.setDesktopShell(missing == kShell ? nullptr : &f->shell);
+        const QByteArray device = f->deviceBytes();
+        QCOMPARE(json(bridge.handle(method, {}, source.replace("@app", f->source))), result);
+        QVERIFY(f->shell.calls.isEmpty());
+        QCOMPARE(f->deviceBytes(), device);
+    }
+
+    // Each row's whole result object and the dialogs and folders it opened ("@root": the root).
+    void results_data()
+    {
+        addColumns<QString, QString, QString, QString>({"method", "args", "result", "shell"});
+        for (const char* method : {"file:open", "sign:nope", "usb:nope", "Sign:getStatus"})
+            addRow(method, method, "[]", err("VANTRO_SIGN_BRIDGE_METHOD_UNKNOWN", method), "");
+        for (const QString& method : names("sign:getUpdateStatus sign:checkForUpdates "
+                                           "sign:startUpdate sign:cancelUpdate sign:applyUpdate"))
+            addRow(qPrintable(method), method, "[{}]",
+                   err("VANTRO_SIGN_UPDATE_MANAGER_UNAVAILABLE", "Update manager is unavailable."),
+                   "");
+        addRow("sign:activate", "sign:activate", "[{}]",
+               err("VANTRO_SIGN_ACTIVATION_NATIVE_SCREEN_REQUIRED",
+                   "Use the native activation screen in this build."),
+               "");
+        // Setters read a string or an object at position 0; other types read as empty.
+        addRow("theme dark", "sign:setTheme", R"(["dark","x"])", okJson(R"("dark")"), "");
+        addRow("theme not a string", "sign:setTheme", R"([{"t":"dark"}])", okJson(R"("light")"),
+               "");
+        addRow("theme missing", "sign:setTheme", "[]", okJson(R"("light")"), "");
+        const QString policy = R"({"deletedFileAction":"%1","deletedFolderName":"%2",)"
+                               R"("groupDeletedByMonth":%3})";
+        const QString setPolicy = "sign:setLocalDeleteSettings";
+        addRow("delete folder cleaned", setPolicy,
+               R"([{"deletedFolderName":"a/b: c. ","groupDeletedByMonth":false}])",
+               okJson(policy.arg("move_to_deleted_folder", "a_b_ c", "false")), "");
+        addRow("delete settings not an object", setPolicy, R"(["keep_local_files"])",
+               okJson(policy.arg("move_to_deleted_folder", "Istrinta", "true")), "");
+        addRow("getLocalRoot", "sign:getLocalRoot", "[]", okJson(R"("@root")"), "");
+        addRow("setLocalRoot cancelled", "sign:setLocalRoot", "[]",
+               err("VANTRO_SIGN_LOCAL_ROOT_NOT_SELECTED", "Local root was not selected."),
+               "pickFolder|Vantro Sign folder|@root");
+        addRow("pickFiles cancelled", "sign:pickFiles", "[]", err(kNothingPicked, kNothingPicked),
+               "pickFiles|Pasirinkite dokumentus|@root|Vantro Sign documents (*.pdf *.doc *.docx "
+               "*.odt *.xls *.xlsx *.txt *.png *.jpg *.jpeg *.adoc *.asice)");
+        const QString opened = okJson(R"({"opened":true,"path":"%1"})");
+        addRow("openLocalRoot", "sign:openLocalRoot", "[]", opened.arg("@root"), "open|@root");
+        const QString folder = "sign:openLocalFolder";
+        const QString outside = err("VANTRO_SIGN_LOCAL_PATH_OUTSIDE_ROOT",
+                                    "Requested folder is outside the Vantro Sign local root.");
+        const QString missing =
+            err("VANTRO_SIGN_LOCAL_FOLDER_MISSING", "Vietinio aplanko atidaryti nepavyko.");
+        addRow("folder: root itself", folder, "[]", opened.arg("@root"), "open|@root");
+        addRow("folder: inside", folder, R"(["sub/./in/.."])", opened.arg("@root/sub"),
+               "open|@root/sub");
+        addRow("folder: climbs out", folder, R"(["sub/../../out"])", outside, "");
+        addRow("folder: sibling sharing the name", folder, R"(["../root-x"])", outside, "");
+        addRow("folder: link leading out", folder, R"(["link"])", outside, "");
+        addRow("folder: missing", folder, R"(["nothing"])", missing, "");
+    }
+
+    void results()
     {
         QFETCH(QString, method);
-        QFETCH(QString, busyCode);
-        OrderedObject during;
-        bool entered = false;
-        m_shell->duringDialog = [&] {
-            // Rows that open a dialog themselves must not recurse.
-            if (std::exchange(entered, true))
-                return;
-            during = call(method, {QVariantMap{}});
-        };
-        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
-        if (busyCode.isEmpty()) {
-            QVERIFY2(!codeOf(during).endsWith(QLatin1String("_BRIDGE_BUSY")),
-                     qPrintable(codeOf(during)));
-        } else {
-            QCOMPARE(codeOf(during), busyCode);
-            QCOMPARE(messageOf(during), kBusyMessage);
+        QFETCH(QString, args);
+        QFETCH(QString, result);
+        QFETCH(QString, shell);
+        const QString root = f->rootPath();
+        QVERIFY(QDir().mkpath(root + "/sub/in") && QDir().mkpath(f->path("out")));
+        QVERIFY(QDir().mkpath(f->path("root-x")));
+        QVERIFY(QFile::link(f->path("out"), root + "/link"));
+        const QByteArray device = f->deviceBytes();
+        const OrderedObject answer = f->call(method, argsFromJson(args));
+        QCOMPARE(json(answer), result.replace("@root", root));
+        QCOMPARE(f->shell.calls.join(';'), shell.replace("@root", root));
+        if (!answer.value("ok").toBool()) {
+            QCOMPARE(f->deviceBytes(), device);
+            QCOMPARE(f->state.localRoot(), root);
+        } else if (method.startsWith("sign:set")) {
+            // What a restarted program reads back through the matching getter.
+            AppState reloaded(f->devicePath());
+            DesktopBridge restarted(&reloaded, &f->api);
+            const QString getter = method.replace("sign:set", "sign:get");
+            QCOMPARE(restarted.handle(getter, {}, f->source).value("value"), answer.value("value"));
         }
-        // Released afterwards: the same method is no longer refused as busy.
-        m_shell->calls.clear();
-        const OrderedObject after = call(method, {QVariantMap{}});
-        QVERIFY2(!codeOf(after).endsWith(QLatin1String("_BRIDGE_BUSY")), qPrintable(codeOf(after)));
     }
 
-    void exclusiveRuleAcrossThreads()
+    // A blank choice is no choice; a chosen root is stored and created; a missing root is
+    // created by the rows that need it; chosen files are imported; a refusing desktop is
+    // reported, not hidden.
+    void dialogAndRootRows()
     {
-        // A bridge built on another thread shares the one process-wide flag.
-        OrderedObject fromWorker;
-        m_shell->duringDialog = [&] {
-            QThread* worker = QThread::create([&] {
-                AppState state(m_profile->devicePath());
-                SignApiClient api(&state);
-                DesktopBridge bridge(&state, &api);
-                fromWorker = bridge.handle(QStringLiteral("usb:sign"), {}, m_source);
-            });
-            worker->start();
-            worker->wait();
-            delete worker;
-        };
-        QCOMPARE(codeOf(call(QStringLiteral("sign:pickFiles"))), kNothingPicked);
-        QCOMPARE(codeOf(fromWorker), QStringLiteral("VANTRO_USB_BRIDGE_BUSY"));
+        f->shell.folderAnswer = "   ";
+        QCOMPARE(codeOf(f->call("sign:setLocalRoot")), "VANTRO_SIGN_LOCAL_ROOT_NOT_SELECTED");
+        f->shell.folderAnswer = f->path("chosen/deeper");
+        QCOMPARE(f->call("sign:setLocalRoot").value("value").toString(), f->shell.folderAnswer);
+        QCOMPARE(AppState(f->devicePath()).localRoot(), f->shell.folderAnswer);
+        const QString root = f->state.localRoot();
+        QVERIFY(QFileInfo(root).isDir() && QDir(root).removeRecursively());
+        QCOMPARE(f->call("sign:getLocalRoot").value("value").toString(), root);
+        QVERIFY(QFileInfo(root).isDir() && QDir(root).removeRecursively());
+        f->shell.openAnswer = false;
+        QCOMPARE(json(f->call("sign:openLocalRoot")),
+                 okJson(R"({"opened":false,"path":"%1"})").arg(root));
+        QVERIFY(QFileInfo(root).isDir());
+
+        const QString source = f->path("incoming.txt");
+        QFile file(source);
+        QVERIFY(file.open(QIODevice::WriteOnly) && file.write("hello") == 5);
+        file.close();
+        f->shell.filesAnswer = {source};
+        const QVariantList imported = f->call("sign:pickFiles").value("value").toList();
+        QCOMPARE(imported.size(), 1);
+        QCOMPARE(imported.first().toMap().value("sourcePath").toString(), source);
+        QCOMPARE(f->call("sign:listDocuments").value("value").toList().size(), 1);
     }
 
-    void stringArguments_data()
+    void argumentsByPosition()
     {
-        QTest::addColumn<QByteArray>("args");
-        QTest::addColumn<int>("index");
-        QTest::addColumn<QString>("expected");
-        QTest::newRow("string") << QByteArray(R"(["abc"])") << 0 << "abc";
-        QTest::newRow("missing position") << QByteArray("[]") << 0 << "";
-        QTest::newRow("beyond the end") << QByteArray(R"(["a"])") << 3 << "";
-        QTest::newRow("negative position") << QByteArray(R"(["a"])") << -1 << "";
-        QTest::newRow("second position") << QByteArray(R"(["a","b"])") << 1 << "b";
-        QTest::newRow("whole number") << QByteArray("[5]") << 0 << "5";
-        QTest::newRow("fraction") << QByteArray("[1.5]") << 0 << "1.5";
-        QTest::newRow("bool") << QByteArray("[true]") << 0 << "true";
-        QTest::newRow("null") << QByteArray("[null]") << 0 << "";
-        QTest::newRow("object") << QByteArray(R"([{"a":"b"}])") << 0 << "";
-        QTest::newRow("one-element list") << QByteArray(R"([["dark"]])") << 0 << "";
+        const QVariantList args = argsFromJson(R"(["a",{"b":true},["c"]])");
+        QCOMPARE(bridgeargs::stringAt(args, 0), "a");
+        QCOMPARE(toCompactJson(bridgeargs::objectAt(args, 1)), R"({"b":true})");
+        // A value of another type, or a missing position, reads as the empty value.
+        for (int index : {1, 2, 3})
+            QCOMPARE(bridgeargs::stringAt(args, index), QString());
+        for (int index : {0, 2, 3})
+            QCOMPARE(bridgeargs::objectAt(args, index), QVariantMap());
     }
 
-    void stringArguments()
-    {
-        QFETCH(QByteArray, args);
-        QFETCH(int, index);
-        QFETCH(QString, expected);
-        QCOMPARE(bridgeargs::stringAt(argsFromJson(args), index), expected);
-    }
-
-    void objectArguments_data()
-    {
-        QTest::addColumn<QByteArray>("args");
-        QTest::addColumn<int>("index");
-        QTest::addColumn<QByteArray>("expected");
-        QTest::newRow("object") << QByteArray(R"([{"a":1}])") << 0 << QByteArray(R"({"a":1})");
-        QTest::newRow("missing position") << QByteArray("[]") << 0 << QByteArray("{}");
-        QTest::newRow("string") << QByteArray(R"(["x"])") << 0 << QByteArray("{}");
-        QTest::newRow("list") << QByteArray(R"([[{"a":1}]])") << 0 << QByteArray("{}");
-        QTest::newRow("null") << QByteArray("[null]") << 0 << QByteArray("{}");
-        QTest::newRow("second position")
-            << QByteArray(R"([1,{"b":true}])") << 1 << QByteArray(R"({"b":true})");
-    }
-
-    void objectArguments()
-    {
-        QFETCH(QByteArray, args);
-        QFETCH(int, index);
-        QFETCH(QByteArray, expected);
-        QCOMPARE(toCompactJson(bridgeargs::objectAt(argsFromJson(args), index)), expected);
-    }
-
-    void setThemeReadsItsArgument_data()
-    {
-        QTest::addColumn<QByteArray>("args");
-        QTest::addColumn<QString>("theme");
-        QTest::newRow("dark") << QByteArray(R"(["dark"])") << "dark";
-        QTest::newRow("light") << QByteArray(R"(["light"])") << "light";
-        QTest::newRow("no argument") << QByteArray("[]") << "light";
-        QTest::newRow("capitalised") << QByteArray(R"(["Dark"])") << "light";
-        QTest::newRow("number") << QByteArray("[5]") << "light";
-        QTest::newRow("object") << QByteArray(R"([{"theme":"dark"}])") << "light";
-        QTest::newRow("list holding dark") << QByteArray(R"([["dark"]])") << "light";
-        QTest::newRow("extra arguments") << QByteArray(R"(["dark","x",{}])") << "dark";
-    }
-
-    void setThemeReadsItsArgument()
-    {
-        QFETCH(QByteArray, args);
-        QFETCH(QString, theme);
-        m_state->setTheme(theme == QLatin1String("dark") ? QStringLiteral("light")
-                                                         : QStringLiteral("dark"));
-        const OrderedObject result = call(QStringLiteral("sign:setTheme"), argsFromJson(args));
-        QVERIFY(isOk(result));
-        QCOMPARE(valueOf(result).toString(), theme);
-        QCOMPARE(valueOf(call(QStringLiteral("sign:getTheme"))).toString(), theme);
-        QCOMPARE(AppState(m_profile->devicePath()).theme(), theme);
-    }
-
-    void localDeleteSettings_data()
-    {
-        QTest::addColumn<QByteArray>("args");
-        QTest::addColumn<QString>("action");
-        QTest::addColumn<QString>("folder");
-        QTest::newRow("kept action")
-            << QByteArray(R"([{"deletedFileAction":"keep_local_files"}])") << "keep_local_files"
-            << "Istrinta";
-        QTest::newRow("folder is cleaned")
-            << QByteArray(R"([{"deletedFolderName":"a/b: c. "}])") << "move_to_deleted_folder"
-            << "a_b_ c";
-        QTest::newRow("not an object")
-            << QByteArray(R"(["delete_permanently"])") << "move_to_deleted_folder"
-            << "Istrinta";
-        QTest::newRow("no argument") << QByteArray("[]") << "move_to_deleted_folder"
-                                     << "Istrinta";
-    }
-
-    void localDeleteSettings()
-    {
-        QFETCH(QByteArray, args);
-        QFETCH(QString, action);
-        QFETCH(QString, folder);
-        const OrderedObject result =
-            call(QStringLiteral("sign:setLocalDeleteSettings"), argsFromJson(args));
-        QVERIFY(isOk(result));
-        const QVariantMap stored = valueOf(result).toMap();
-        QCOMPARE(stored.value(QStringLiteral("deletedFileAction")).toString(), action);
-        QCOMPARE(stored.value(QStringLiteral("deletedFolderName")).toString(), folder);
-        QCOMPARE(valueOf(call(QStringLiteral("sign:getLocalDeleteSettings"))).toMap(), stored);
-    }
-
-    void statusKeysInOrder()
-    {
-        const OrderedObject result = call(QStringLiteral("sign:getStatus"));
-        QVERIFY(isOk(result));
-        const OrderedObject status = valueOf(result).value<OrderedObject>();
-        const QStringList keys{"version",           "activated",
-                               "localRoot",         "theme",
-                               "license",           "signerProfile",
-                               "helperAvailable",   "helperBackgroundRunning",
-                               "helperRuntime",     "helperRuntimeVersion",
-                               "helperRuntimePath", "usbSignBatchNative"};
-        QCOMPARE(status.keys(), keys);
-        QCOMPARE(status.value(QStringLiteral("version")).toString(),
-                 QString::fromLatin1(config::kApplicationVersion));
-        QCOMPARE(status.value(QStringLiteral("localRoot")).toString(), m_profile->rootPath());
-        QCOMPARE(status.value(QStringLiteral("helperRuntime")).toString(), QStringLiteral("next"));
-        // The helper's own answers win over the status defaults.
-        QCOMPARE(status.value(QStringLiteral("helperAvailable")).toBool(), false);
-        QCOMPARE(status.value(QStringLiteral("helperBackgroundRunning")).toBool(), true);
-        QCOMPARE(status.value(QStringLiteral("usbSignBatchNative")).toBool(), true);
-        QCOMPARE(status.value(QStringLiteral("helperRuntimeVersion")).toString(),
-                 QString::fromLatin1(config::kApplicationVersion));
-    }
-
-    void helperRuntimeKeysAndValues()
-    {
-        const OrderedObject helper = m_bridge->helperRuntime();
-        const QStringList keys{"helperAvailable",    "helperBackgroundRunning",
-                               "helperRuntime",      "helperRuntimeVersion",
-                               "helperRuntimePath",  "usbSignBatchNative",
-                               "storedPinAvailable", "savedPinCount",
-                               "pendingMirrorCount", "failedMirrorCount"};
-        QCOMPARE(helper.keys(), keys);
-        QCOMPARE(helper.value(QStringLiteral("helperRuntime")).toString(), QStringLiteral("next"));
-        QCOMPARE(helper.value(QStringLiteral("savedPinCount")).toInt(), 0);
-        QCOMPARE(helper.value(QStringLiteral("storedPinAvailable")).toBool(), false);
-        QCOMPARE(helper.value(QStringLiteral("pendingMirrorCount")).toInt(), 0);
-        QCOMPARE(helper.value(QStringLiteral("failedMirrorCount")).toInt(), 0);
-    }
-
-    // The helper-runtime object is rebuilt after a second, but the host's location is looked
-    // up once per bridge: a host installed while the program runs counts after a restart.
-    void helperRuntimeCacheAndHostLocation()
+    // sign:setQesVisualPosition answers the status whether or not the position was accepted.
+    // The helper-runtime object is rebuilt once it is 1000 ms old; the host's location is looked
+    // up once per bridge, so a host installed while the program runs counts after a restart.
+    void statusAndHelperRuntime()
     {
         const QString appDir = QCoreApplication::applicationDirPath();
         const QString hostPath = QDir(appDir).filePath(nativeHostFileName());
         QVERIFY2(!QFile::exists(hostPath), "a host program is already beside the test");
-        const OrderedObject first = m_bridge->helperRuntime();
-        QCOMPARE(first.value(QStringLiteral("helperAvailable")).toBool(), false);
-        QCOMPARE(first.value(QStringLiteral("helperRuntimePath")).toString(), QString());
+        const OrderedObject status = f->call("sign:setQesVisualPosition", {"bottom_right"})
+                                         .value("value")
+                                         .value<OrderedObject>();
+        QCOMPARE(status.keys(),
+                 names("version activated localRoot theme license signerProfile helperAvailable "
+                       "helperBackgroundRunning helperRuntime helperRuntimeVersion "
+                       "helperRuntimePath usbSignBatchNative"));
+        QCOMPARE(status.value("localRoot").toString(), f->rootPath());
+        const OrderedObject refused =
+            f->call("sign:setQesVisualPosition", {"center"}).value("value").value<OrderedObject>();
+        for (const OrderedObject& answer : {status, refused})
+            QCOMPARE(answer.value("signerProfile").toJsonObject().value("visual_position"),
+                     "bottom_right");
+        const OrderedObject helper = f->bridge.helperRuntime();
+        QCOMPARE(json(helper),
+                 QStringLiteral(R"({"helperAvailable":false,"helperBackgroundRunning":true,)"
+                                R"("helperRuntime":"next","helperRuntimeVersion":"%1",)"
+                                R"("helperRuntimePath":"","usbSignBatchNative":true,)"
+                                R"("storedPinAvailable":false,"savedPinCount":0,)"
+                                R"("pendingMirrorCount":0,"failedMirrorCount":0})")
+                     .arg(config::kApplicationVersion));
+        // The status carries the helper's own answers, not defaults of its own.
+        for (const QString& key : helper.keys().mid(0, 6))
+            QCOMPARE(status.value(key), helper.value(key));
 
-        const HostProgramBeside host(hostPath);
+        LocalStore& store = *f->bridge.localStore();
+        const QJsonObject doc =
+            store.insertImportedDocument({f->path("a.pdf"), "a.pdf", "a.pdf", "a", 0, {}, {}});
+        store.enqueueMirrorItem({{"artifactId", "a1"}, {"localDocumentId", doc.value("id")}});
+        QFile host(hostPath);
+        QVERIFY(host.open(QIODevice::WriteOnly));
+        host.close();
+        const auto removeHost = qScopeGuard([&] { QFile::remove(hostPath); });
+        QCOMPARE(f->bridge.helperRuntime(), helper);
         QThread::msleep(1050);
-        QCOMPARE(m_bridge->helperRuntime(), first);
-        QCOMPARE(valueOf(call(QStringLiteral("usb:isAvailable"))).toBool(), false);
-
-        DesktopBridge restarted(m_state.get(), m_api.get());
-        const OrderedObject found = restarted.helperRuntime();
-        QCOMPARE(found.value(QStringLiteral("helperAvailable")).toBool(), true);
-        QCOMPARE(found.value(QStringLiteral("helperRuntimePath")).toString(), appDir);
-        QCOMPARE(restarted.handle(QStringLiteral("usb:isAvailable"), {}, m_source)
-                     .value(QStringLiteral("value"))
-                     .toBool(),
-                 true);
+        const OrderedObject rebuilt = f->bridge.helperRuntime();
+        QCOMPARE(rebuilt.value("pendingMirrorCount").toInt(), 1);
+        QCOMPARE(rebuilt.value("helperAvailable").toBool(), false);
+        QCOMPARE(f->call("usb:isAvailable").value("value").toBool(), false);
+        DesktopBridge restarted(&f->state, &f->api);
+        QCOMPARE(restarted.helperRuntime().value("helperRuntimePath").toString(), appDir);
+        QCOMPARE(restarted.helperRuntime().value("helperAvailable").toBool(), true);
+        QVERIFY(restarted.handle("usb:isAvailable", {}, f->source).value("value").toBool());
     }
 
-    void helperSearchOrder_data()
-    {
-        QTest::addColumn<QStringList>("installed");
-        QTest::addColumn<QString>("expected");
-        const QStringList all{"app/h", "app/mw/h", "mw/h", "h"};
-        QTest::newRow("beside the program wins") << all << "app/h";
-        QTest::newRow("then mw below it") << all.mid(1) << "app/mw/h";
-        QTest::newRow("then mw beside it") << all.mid(2) << "mw/h";
-        QTest::newRow("then the parent directory") << all.mid(3) << "h";
-        QTest::newRow("nowhere") << QStringList() << "";
-        QTest::newRow("a folder of that name is no program") << QStringList{"app/h/"} << "";
-    }
-
+    // Installing candidates from the last to the first, each new one takes over; a folder of
+    // the program's name is no program.
     void helperSearchOrder()
     {
-        QFETCH(QStringList, installed);
-        QFETCH(QString, expected);
         QTemporaryDir base;
-        QVERIFY(QDir().mkpath(base.filePath(QStringLiteral("app"))));
-        for (const QString& relative : installed) {
-            const QString path = base.filePath(relative);
-            QVERIFY(QDir().mkpath(QFileInfo(path).absolutePath()));
-            QFile file(path);
-            QVERIFY(relative.endsWith(QLatin1Char('/')) || file.open(QIODevice::WriteOnly));
+        const QString app = base.filePath("app");
+        QVERIFY(QDir().mkpath(app + "/h") && QDir().mkpath(app + "/mw") &&
+                QDir().mkpath(base.filePath("mw")));
+        QCOMPARE(findHelperExecutable(app, "h"), QString());
+        QVERIFY(QDir().rmdir(app + "/h"));
+        for (const char* relative : {"h", "mw/h", "app/mw/h", "app/h"}) {
+            QFile file(base.filePath(relative));
+            QVERIFY(file.open(QIODevice::WriteOnly));
+            QCOMPARE(findHelperExecutable(app, "h"), base.filePath(relative));
         }
-        const QString found =
-            findHelperExecutable(base.filePath(QStringLiteral("app")), QStringLiteral("h"));
-        QCOMPARE(found, expected.isEmpty() ? QString() : base.filePath(expected));
-    }
-
-    void stateRowsWithoutState_data()
-    {
-        QTest::addColumn<QString>("method");
-        QTest::newRow("getStatus") << QStringLiteral("sign:getStatus");
-        QTest::newRow("getTheme") << QStringLiteral("sign:getTheme");
-        QTest::newRow("setTheme") << QStringLiteral("sign:setTheme");
-        QTest::newRow("setLocalRoot") << QStringLiteral("sign:setLocalRoot");
-        QTest::newRow("pickFiles") << QStringLiteral("sign:pickFiles");
-        QTest::newRow("listDocuments") << QStringLiteral("sign:listDocuments");
-        QTest::newRow("openLocalFolder") << QStringLiteral("sign:openLocalFolder");
-    }
-
-    void stateRowsWithoutState()
-    {
-        QFETCH(QString, method);
-        SignApiClient api(nullptr);
-        DesktopBridge bridge(nullptr, &api);
-        bridge.setDesktopShell(m_shell.get());
-        const OrderedObject result = bridge.handle(method, {}, api.webAppUrl().toString());
-        QCOMPARE(codeOf(result), QStringLiteral("VANTRO_SIGN_STATE_UNAVAILABLE"));
-        QCOMPARE(messageOf(result), QStringLiteral("Vantro Sign state is unavailable."));
-        QVERIFY(m_shell->calls.isEmpty());
-    }
-
-    void setLocalRootCancelledKeepsRoot_data()
-    {
-        QTest::addColumn<QString>("answer");
-        QTest::newRow("cancelled") << QString();
-        QTest::newRow("blank answer") << QStringLiteral("   ");
-    }
-
-    void setLocalRootCancelledKeepsRoot()
-    {
-        QFETCH(QString, answer);
-        const QString before = m_state->localRoot();
-        const QByteArray device = m_profile->deviceBytes();
-        m_shell->folderAnswer = answer;
-        const OrderedObject result = call(QStringLiteral("sign:setLocalRoot"));
-        QCOMPARE(codeOf(result), QStringLiteral("VANTRO_SIGN_LOCAL_ROOT_NOT_SELECTED"));
-        QCOMPARE(messageOf(result), QStringLiteral("Local root was not selected."));
-        QCOMPARE(m_shell->calls,
-                 QStringList{QStringLiteral("pickFolder|Vantro Sign folder|") + before});
-        QCOMPARE(m_state->localRoot(), before);
-        QCOMPARE(m_profile->deviceBytes(), device);
-    }
-
-    void setLocalRootStoresChoice()
-    {
-        const QString chosen = m_profile->path(QStringLiteral("chosen/deeper"));
-        m_shell->folderAnswer = chosen;
-        const OrderedObject result = call(QStringLiteral("sign:setLocalRoot"));
-        QVERIFY(isOk(result));
-        QCOMPARE(valueOf(result).toString(), chosen);
-        QVERIFY(QFileInfo(chosen).isDir());
-        QCOMPARE(AppState(m_profile->devicePath()).localRoot(), chosen);
-    }
-
-    void dialogRowsWithoutShell_data()
-    {
-        QTest::addColumn<QString>("method");
-        QTest::newRow("setLocalRoot") << QStringLiteral("sign:setLocalRoot");
-        QTest::newRow("pickFiles") << QStringLiteral("sign:pickFiles");
-        QTest::newRow("openLocalRoot") << QStringLiteral("sign:openLocalRoot");
-        QTest::newRow("openLocalFolder") << QStringLiteral("sign:openLocalFolder");
-    }
-
-    void dialogRowsWithoutShell()
-    {
-        QFETCH(QString, method);
-        m_bridge->setDesktopShell(nullptr);
-        const OrderedObject result = call(method);
-        QCOMPARE(codeOf(result), QStringLiteral("VANTRO_SIGN_DESKTOP_SHELL_UNAVAILABLE"));
-        QVERIFY(!messageOf(result).isEmpty());
-        QCOMPARE(m_state->localRoot(), m_profile->rootPath());
-    }
-
-    void pickFilesCancelledImportsNothing()
-    {
-        const OrderedObject result = call(QStringLiteral("sign:pickFiles"));
-        QCOMPARE(codeOf(result), kNothingPicked);
-        QCOMPARE(m_shell->calls,
-                 QStringList{QStringLiteral("pickFiles|Pasirinkite dokumentus|%1|Vantro Sign "
-                                            "documents (*.pdf *.doc *.docx *.odt *.xls *.xlsx "
-                                            "*.txt *.png *.jpg *.jpeg *.adoc *.asice)")
-                                 .arg(m_profile->rootPath())});
-    }
-
-    void pickFilesImportsChosenFiles()
-    {
-        const QString source = m_profile->path(QStringLiteral("incoming.txt"));
-        QFile file(source);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write("hello");
-        file.close();
-        m_shell->filesAnswer = {source};
-        const OrderedObject result = call(QStringLiteral("sign:pickFiles"));
-        QVERIFY2(isOk(result), qPrintable(messageOf(result)));
-        const QVariantList imported = valueOf(result).toList();
-        QCOMPARE(imported.size(), 1);
-        QCOMPARE(imported.first().toMap().value(QStringLiteral("sourcePath")).toString(), source);
-        const OrderedObject listed = call(QStringLiteral("sign:listDocuments"), {QVariantMap{}});
-        QVERIFY(isOk(listed));
-        QCOMPARE(valueOf(listed).toList().size(), 1);
-    }
-
-    void listingsOnEmptyStore_data()
-    {
-        QTest::addColumn<QString>("method");
-        QTest::addColumn<QByteArray>("args");
-        QTest::newRow("documents, no filter")
-            << QStringLiteral("sign:listDocuments") << QByteArray("[]");
-        QTest::newRow("documents, filter of wrong type")
-            << QStringLiteral("sign:listDocuments") << QByteArray(R"(["x"])");
-        QTest::newRow("jobs, id of wrong type")
-            << QStringLiteral("sign:listJobs") << QByteArray(R"([{"id":1}])");
-    }
-
-    void listingsOnEmptyStore()
-    {
-        QFETCH(QString, method);
-        QFETCH(QByteArray, args);
-        const OrderedObject result = call(method, argsFromJson(args));
-        QVERIFY2(isOk(result), qPrintable(messageOf(result)));
-        QCOMPARE(valueOf(result).toList(), QVariantList());
-    }
-
-    void openLocalFolder_data()
-    {
-        QTest::addColumn<QByteArray>("args");
-        QTest::addColumn<QString>("code");
-        QTest::addColumn<QString>("openedRelative");
-        const QString outside = QStringLiteral("VANTRO_SIGN_LOCAL_PATH_OUTSIDE_ROOT");
-        const QString missing = QStringLiteral("VANTRO_SIGN_LOCAL_FOLDER_MISSING");
-        QTest::newRow("root itself") << QByteArray(R"([""])") << ""
-                                     << "";
-        QTest::newRow("no argument") << QByteArray("[]") << ""
-                                     << "";
-        QTest::newRow("argument of wrong type") << QByteArray(R"([{"a":1}])") << ""
-                                                << "";
-        QTest::newRow("subfolder") << QByteArray(R"(["sub"])") << ""
-                                   << "/sub";
-        QTest::newRow("dot steps inside") << QByteArray(R"(["sub/./inner/.."])") << ""
-                                          << "/sub";
-        QTest::newRow("climbs out") << QByteArray(R"(["../outside"])") << outside << "";
-        QTest::newRow("climbs out through a subfolder")
-            << QByteArray(R"(["sub/../../outside"])") << outside << "";
-        QTest::newRow("sibling sharing the root's name")
-            << QByteArray(R"(["../root-evil"])") << outside << "";
-        QTest::newRow("absolute path") << QByteArray(R"(["@outside"])") << outside << "";
-        QTest::newRow("link leading out") << QByteArray(R"(["link-out"])") << outside << "";
-        QTest::newRow("missing folder") << QByteArray(R"(["nothing-here"])") << missing << "";
-        QTest::newRow("a file, not a folder") << QByteArray(R"(["file.txt"])") << missing << "";
-    }
-
-    void openLocalFolder()
-    {
-        QFETCH(QByteArray, args);
-        QFETCH(QString, code);
-        QFETCH(QString, openedRelative);
-        const QString root = m_profile->rootPath();
-        const QString outsideDir = m_profile->path(QStringLiteral("outside"));
-        QVERIFY(QDir().mkpath(root + QStringLiteral("/sub/inner")));
-        QVERIFY(QDir().mkpath(outsideDir));
-        QVERIFY(QDir().mkpath(m_profile->path(QStringLiteral("root-evil"))));
-        QVERIFY(QFile::link(outsideDir, root + QStringLiteral("/link-out")));
-        QFile file(root + QStringLiteral("/file.txt"));
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.close();
-
-        args.replace("@outside", outsideDir.toUtf8());
-        const OrderedObject result =
-            call(QStringLiteral("sign:openLocalFolder"), argsFromJson(args));
-        if (!code.isEmpty()) {
-            QCOMPARE(codeOf(result), code);
-            QCOMPARE(messageOf(result),
-                     code.endsWith(QLatin1String("OUTSIDE_ROOT"))
-                         ? QStringLiteral("Requested folder is outside the Vantro Sign local root.")
-                         : QStringLiteral("Vietinio aplanko atidaryti nepavyko."));
-            QVERIFY(m_shell->opened.isEmpty());
-            return;
-        }
-        QVERIFY2(isOk(result), qPrintable(messageOf(result)));
-        const QVariantMap value = valueOf(result).value<OrderedObject>().toMap();
-        QCOMPARE(value.value(QStringLiteral("opened")).toBool(), true);
-        QCOMPARE(value.value(QStringLiteral("path")).toString(), root + openedRelative);
-        QCOMPARE(m_shell->opened, QList<QUrl>{QUrl::fromLocalFile(root + openedRelative)});
-    }
-
-    void openLocalRootCreatesIt()
-    {
-        QVERIFY(QDir(m_profile->rootPath()).removeRecursively());
-        m_shell->openAnswer = false;
-        const OrderedObject result = call(QStringLiteral("sign:openLocalRoot"));
-        QVERIFY(isOk(result));
-        const OrderedObject value = valueOf(result).value<OrderedObject>();
-        QCOMPARE(value.keys(), (QStringList{"opened", "path"}));
-        QCOMPARE(value.value(QStringLiteral("opened")).toBool(), false);
-        QCOMPARE(value.value(QStringLiteral("path")).toString(), m_profile->rootPath());
-        QVERIFY(QFileInfo(m_profile->rootPath()).isDir());
-    }
-
-    void openLocalRootThatCannotExist()
-    {
-        // A root below a regular file can never be created.
-        QFile blocker(m_profile->path(QStringLiteral("blocker")));
-        QVERIFY(blocker.open(QIODevice::WriteOnly));
-        blocker.close();
-        m_profile->writeDevice(QJsonObject{
-            {QStringLiteral("localRoot"), m_profile->path(QStringLiteral("blocker/root"))}});
-        QVERIFY(m_state->load());
-        const OrderedObject result = call(QStringLiteral("sign:openLocalRoot"));
-        QCOMPARE(codeOf(result), QStringLiteral("VANTRO_SIGN_LOCAL_ROOT_MISSING"));
-        QCOMPARE(messageOf(result), QStringLiteral("Vietinio aplanko sukurti nepavyko."));
-        QVERIFY(m_shell->opened.isEmpty());
-    }
-
-    void fixedErrorRows_data()
-    {
-        QTest::addColumn<QString>("method");
-        QTest::addColumn<QString>("code");
-        QTest::addColumn<QString>("message");
-        const QString update = QStringLiteral("VANTRO_SIGN_UPDATE_MANAGER_UNAVAILABLE");
-        const QString updateMessage = QStringLiteral("Update manager is unavailable.");
-        for (const char* method : {"sign:getUpdateStatus", "sign:checkForUpdates",
-                                   "sign:startUpdate", "sign:cancelUpdate", "sign:applyUpdate"})
-            QTest::newRow(method) << QString::fromLatin1(method) << update << updateMessage;
-        QTest::newRow("sign:activate")
-            << QStringLiteral("sign:activate")
-            << QStringLiteral("VANTRO_SIGN_ACTIVATION_NATIVE_SCREEN_REQUIRED")
-            << QStringLiteral("Use the native activation screen in this build.");
-    }
-
-    void fixedErrorRows()
-    {
-        QFETCH(QString, method);
-        QFETCH(QString, code);
-        QFETCH(QString, message);
-        for (const QVariantList& args :
-             {QVariantList{}, QVariantList{QVariantMap{{QStringLiteral("code"), 1}}}}) {
-            const OrderedObject result = call(method, args);
-            QCOMPARE(codeOf(result), code);
-            QCOMPARE(messageOf(result), message);
-        }
-    }
-
-    void visualPositionAnswersStatus_data()
-    {
-        QTest::addColumn<QString>("position");
-        QTest::addColumn<QString>("stored");
-        QTest::newRow("accepted") << QStringLiteral("bottom_right") << "bottom_right";
-        QTest::newRow("refused") << QStringLiteral("center") << "top_left";
-    }
-
-    void visualPositionAnswersStatus()
-    {
-        QFETCH(QString, position);
-        QFETCH(QString, stored);
-        const OrderedObject result = call(QStringLiteral("sign:setQesVisualPosition"), {position});
-        QVERIFY(isOk(result));
-        const OrderedObject status = valueOf(result).value<OrderedObject>();
-        QCOMPARE(status.keys().first(), QStringLiteral("version"));
-        const QJsonObject profile = status.value(QStringLiteral("signerProfile")).toJsonObject();
-        QCOMPARE(profile.value(QStringLiteral("visual_position")).toString(), stored);
-    }
-
-    void getLocalRootCreatesIt()
-    {
-        QVERIFY(QDir(m_profile->rootPath()).removeRecursively());
-        const OrderedObject result = call(QStringLiteral("sign:getLocalRoot"));
-        QVERIFY(isOk(result));
-        QCOMPARE(valueOf(result).toString(), m_profile->rootPath());
-        QVERIFY(QFileInfo(m_profile->rootPath()).isDir());
     }
 };
 

@@ -9,11 +9,9 @@
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
-#include <QStringList>
 #include <QTemporaryDir>
 #include <QtTest>
 #include <QUuid>
-#include <QVariant>
 
 #include <functional>
 #include <memory>
@@ -40,80 +38,44 @@ public:
         QSqlDatabase::database(m_name, false).close();
         QSqlDatabase::removeDatabase(m_name);
     }
-    RawDatabase(const RawDatabase&) = delete;
-    RawDatabase& operator=(const RawDatabase&) = delete;
 
-    // Statements separated by ";" (none of the scripts quotes one); triggers go through
-    // statement().
+    // Statements separated by ";", except a trigger, whose body holds ";" and runs as one.
     bool exec(const QString& script, const QVariantList& values = {})
     {
-        for (const QString& piece : script.split(QLatin1Char(';'), Qt::SkipEmptyParts)) {
-            if (!piece.trimmed().isEmpty() && !statement(piece.trimmed(), values))
+        const bool whole = script.contains(QLatin1String("CREATE TRIGGER"));
+        for (const QString& piece : whole ? QStringList{script} : script.split(QLatin1Char(';'))) {
+            if (!piece.trimmed().isEmpty() && !run(piece.trimmed(), values).isActive())
                 return false;
         }
         return true;
     }
-
-    bool statement(const QString& sql, const QVariantList& values = {})
+    // First column of every row, as text.
+    QStringList column(const QString& sql, const QVariantList& values = {}) const
     {
-        QSqlQuery query(QSqlDatabase::database(m_name, false));
-        query.prepare(sql);
-        for (int i = 0; i < values.size(); ++i)
-            query.bindValue(i, values.at(i));
-        if (!query.exec()) {
-            qWarning() << "raw statement failed:" << sql << query.lastError().text();
-            return false;
-        }
-        return true;
-    }
-
-    QVariantList column(const QString& sql, const QVariantList& values = {}) const
-    {
-        QSqlQuery query(QSqlDatabase::database(m_name, false));
-        query.prepare(sql);
-        for (int i = 0; i < values.size(); ++i)
-            query.bindValue(i, values.at(i));
-        QVariantList result;
-        if (!query.exec()) {
-            qWarning() << "raw query failed:" << sql << query.lastError().text();
-            return result;
-        }
-        while (query.next())
-            result.append(query.value(0));
-        return result;
-    }
-
-    QVariant scalar(const QString& sql, const QVariantList& values = {}) const
-    {
-        const QVariantList values0 = column(sql, values);
-        return values0.isEmpty() ? QVariant() : values0.first();
-    }
-
-    QStringList strings(const QString& sql, const QVariantList& values = {}) const
-    {
+        QSqlQuery query = run(sql, values);
         QStringList result;
-        for (const QVariant& value : column(sql, values))
-            result.append(value.toString());
+        while (query.next())
+            result.append(query.value(0).toString());
         return result;
     }
-
+    QString scalar(const QString& sql) const { return column(sql).value(0); }
+    int count(const QString& table) const
+    {
+        return scalar("SELECT COUNT(*) FROM " + table).toInt();
+    }
     int userVersion() const { return scalar(QStringLiteral("PRAGMA user_version")).toInt(); }
 
-    QStringList objects(const char* type) const
-    {
-        QStringList names = strings(QStringLiteral("SELECT name FROM sqlite_master WHERE type = ? "
-                                                   "AND name NOT LIKE 'sqlite_%'"),
-                                    {QString::fromLatin1(type)});
-        names.sort();
-        return names;
-    }
-
-    QStringList columnsOf(const QString& table) const
-    {
-        return strings(QStringLiteral("SELECT name FROM pragma_table_info(?)"), {table});
-    }
-
 private:
+    QSqlQuery run(const QString& sql, const QVariantList& values) const
+    {
+        QSqlQuery query(QSqlDatabase::database(m_name, false));
+        query.prepare(sql);
+        for (int i = 0; i < values.size(); ++i)
+            query.bindValue(i, values.at(i));
+        if (!query.exec())
+            qWarning() << "raw statement failed:" << sql << query.lastError().text();
+        return query;
+    }
     QString m_name;
 };
 
@@ -121,23 +83,19 @@ private:
 class StoreFixture
 {
 public:
-    StoreFixture()
-        : m_state(std::make_unique<vantro::AppState>(m_dir.filePath(QStringLiteral("device.json"))))
-    {
-        m_state->setLocalRoot(root());
-    }
+    StoreFixture() { m_state.setLocalRoot(root()); }
 
     QString path(const QString& relative) const { return m_dir.filePath(relative); }
-    QString dbPath() const { return m_dir.filePath(QStringLiteral("data/local.db")); }
-    QString root() const { return m_dir.filePath(QStringLiteral("root")); }
-    vantro::AppState* state() const { return m_state.get(); }
-
-    std::unique_ptr<vantro::LocalStore> makeStore() const
+    QString dbPath() const { return path(QStringLiteral("data/local.db")); }
+    QString root() const { return path(QStringLiteral("root")); }
+    QString inRoot(const QString& relative) const { return root() + QLatin1Char('/') + relative; }
+    vantro::AppState* state() { return &m_state; }
+    std::unique_ptr<vantro::LocalStore> makeStore()
     {
-        return std::make_unique<vantro::LocalStore>(m_state.get(), dbPath());
+        return std::make_unique<vantro::LocalStore>(&m_state, dbPath());
     }
 
-    // Writes `size` bytes; sizes above a few KiB become sparse files so limits stay fast.
+    // Writes `size` bytes starting with `head`; large files are sparse so limits stay fast.
     QString writeFile(const QString& relative, qint64 size = 16,
                       const QByteArray& head = QByteArrayLiteral("%PDF-1.4\n")) const
     {
@@ -147,16 +105,44 @@ public:
         if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate))
             return {};
         out.write(head.left(size));
-        out.resize(size);
-        return file;
+        return out.resize(size) ? file : QString();
     }
 
 private:
     QTemporaryDir m_dir;
-    std::unique_ptr<vantro::AppState> m_state;
+    vantro::AppState m_state{m_dir.filePath(QStringLiteral("device.json"))};
 };
 
-// Runs `call` and answers the text of the VantroError it threw, or "" when it did not throw.
+inline vantro::LocalFileDescriptor fileNamed(const QString& name)
+{
+    return {QStringLiteral("/root/") + name,  name, name,
+            name.section('.', 0, 0),          1234, QString(64, QLatin1Char('c')),
+            QStringLiteral("application/pdf")};
+}
+
+inline QString str(const QJsonObject& object, const char* key)
+{
+    return object.value(QLatin1String(key)).toString();
+}
+
+// Values of the space-separated keys joined by "|"; "~" marks an absent key.
+inline QString fields(const QJsonObject& object, const char* keys)
+{
+    QStringList values;
+    for (const QString& key : QString::fromLatin1(keys).split(QLatin1Char(' ')))
+        values << (object.contains(key) ? object.value(key).toVariant().toString() : "~");
+    return values.join(QLatin1Char('|'));
+}
+
+inline QStringList column(const QJsonArray& rows, const char* key = "id")
+{
+    QStringList result;
+    for (const QJsonValue& row : rows)
+        result << str(row.toObject(), key);
+    return result;
+}
+
+// The text of the VantroError `call` threw, or "" when it did not throw.
 inline QString errorOf(const std::function<void()>& call)
 {
     try {
@@ -166,7 +152,6 @@ inline QString errorOf(const std::function<void()>& call)
     }
     return {};
 }
-
 inline QString codeOf(const std::function<void()>& call)
 {
     return vantro::splitErrorText(errorOf(call), QString()).code;

@@ -2,306 +2,176 @@
 #include "store/RootRules.h"
 #include "StoreTestSupport.h"
 
-#include <QtTest>
-
 using namespace vantro::rootrules;
-using storetest::codeOf;
 
 class RootRulesTest : public QObject
 {
     Q_OBJECT
 
 private Q_SLOTS:
-    void cleanFileName_data()
+    // One row per rule case: the rule, its input, the answer ("yes"/"no" for predicates) and,
+    // for "skip", the deleted-folder name when it is not the default.
+    void rules_data()
     {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<QString>("cleaned");
-
-        const QString fallback = QStringLiteral("Vantro_dokumentas");
-        QTest::newRow("trim, replace, strip trailing dot") << "  a<b>:c.pdf.  "
-                                                           << "a_b__c.pdf";
-        QTest::newRow("every forbidden character") << "1<2>3:4\"5/6\\7|8?9*0.pdf"
-                                                   << "1_2_3_4_5_6_7_8_9_0.pdf";
-        QTest::newRow("control characters") << QStringLiteral("a\tb\x01"
-                                                              "c\x1f.pdf")
-                                            << "a_b_c_.pdf";
-        QTest::newRow("delete character kept")
-            << QStringLiteral("a\x7f.pdf") << QStringLiteral("a\x7f.pdf");
-        QTest::newRow("only dots") << "...." << fallback;
-        QTest::newRow("only spaces") << "    " << fallback;
-        QTest::newRow("dots and spaces") << " . . " << fallback;
-        QTest::newRow("empty") << "" << fallback;
-        QTest::newRow("trailing dots and spaces mixed") << "Sutartis . ."
-                                                        << "Sutartis";
-        QTest::newRow("inner dots kept") << "Sutartis.signed.pdf"
-                                         << "Sutartis.signed.pdf";
-        QTest::newRow("Lithuanian letters kept")
-            << QString::fromUtf8("Sąskaita ž.pdf") << QString::fromUtf8("Sąskaita ž.pdf");
-        QTest::newRow("300 characters cut to 180 regardless of extension")
-            << QString(296, QLatin1Char('x')) + QStringLiteral(".pdf")
-            << QString(180, QLatin1Char('x'));
-        QTest::newRow("cut may end in a dot again")
-            << QString(179, QLatin1Char('a')) + QStringLiteral(".pdf")
-            << QString(179, QLatin1Char('a')) + QStringLiteral(".");
-        QTest::newRow("cut never splits a surrogate pair")
-            << QString(179, QLatin1Char('a')) + QString::fromUtf8("\xF0\x9F\x98\x80") +
-                   QStringLiteral(".pdf")
-            << QString(179, QLatin1Char('a'));
-        QTest::newRow("slash-only name becomes underscore") << "/"
-                                                            << "_";
+        QTest::addColumn<QString>("rule");
+        QTest::addColumn<QString>("input");
+        QTest::addColumn<QString>("expected");
+        QTest::addColumn<QString>("deleted");
+        const auto row = [](const char* rule, const char* name, const QString& in,
+                            const QString& out, const QString& deleted = "Istrinta") {
+            QTest::addRow("%s: %s", rule, name) << QString(rule) << in << out << deleted;
+        };
+        const QString x179(179, 'x');
+        row("clean", "trim, replace, strip trailing dot", "  a<b>:c.pdf.  ", "a_b__c.pdf");
+        row("clean", "all forbidden", "1<2>3:4\"5/6\\7|8?9*0.pdf", "1_2_3_4_5_6_7_8_9_0.pdf");
+        row("clean", "control characters", "a\tb\x01.\x1f.pdf", "a_b_._.pdf");
+        row("clean", "inner dots, Lithuanian letters", "Są.signed.pdf", "Są.signed.pdf");
+        row("clean", "only dots: caller's fallback", "....", "fb");
+        row("clean", "only spaces: caller's fallback", "    ", "fb");
+        row("clean", "300 cut to 180 regardless of extension", QString(296, 'x') + ".pdf",
+            x179 + 'x');
+        row("clean", "cut may end in a dot again", x179 + ".pdf", x179 + '.');
+        row("clean", "cut never splits a surrogate pair", x179 + "😀.pdf", x179);
+        row("title", "before the first dot, trimmed", "/d/ Sutartis .signed.pdf", "Sutartis");
+        row("title", "no suffix", "/d/README", "README");
+        row("title", "nothing before the dot", "/d/.pdf", "Dokumentas");
+        row("title", "only spaces before the dot", "/d/   .pdf", "Dokumentas");
+        row("relative", "file in root", "/R/Sutartis.pdf", "Sutartis.pdf");
+        row("relative", "nested", "/R/Projektai/2026/a.pdf", "Projektai/2026/a.pdf");
+        row("relative", "outside", "/other/a.pdf", "");
+        row("relative", "sibling sharing the prefix", "/R2/a.pdf", "");
+        row("relative", "..notes.pdf counts as outside", "/R/..notes.pdf", "");
+        row("relative", "dot-dot leaving the root", "/R/A/../../other/a.pdf", "");
+        row("relative", "dot-dot staying inside", "/R/A/../b.pdf", "b.pdf");
+        row("relative", "parent of the root", "/", "");
+        for (const char* s : {"pdf", "doc", "docx", "odt", "xls", "xlsx", "txt", "png", "jpg",
+                              "jpeg", "adoc", "asice", "PDF", "tar.pdf"})
+            row("type", s, QString("/d/a.") + s, "yes");
+        for (const char* s : {"pptx", "asic", "pdf.exe"})
+            row("type", s, QString("/d/a.") + s, "no");
+        row("type", "no suffix, name pdf", "/d/pdf", "no");
+        for (const char* s : {"tmp", "temp", "partial", "crdownload", "download", "TMP"})
+            row("suffix", s, s, "yes");
+        for (const char* s : {"pdf", ".tmp", "downloads"})
+            row("suffix", s, s, "no");
+        for (const char* s : {"tmp", "temp", ".tmp", ".temp", "cache", ".cache", "previews",
+                              "preview-cache", ".vantro-temp", "  Cache "})
+            row("dir", s, s, "yes");
+        for (const char* s : {"cached", "preview", "Pasirasyta"})
+            row("dir", s, s, "no");
+        row("skip", "plain document", "Sutartis.pdf", "no");
+        row("skip", "signed folder", "Pasirasyta/x.pdf", "yes");
+        row("skip", "signed folder upper case", "PASIRASYTA/x.pdf", "yes");
+        row("skip", "signed folder, Lithuanian letter", "Pasirašyta/x.pdf", "yes");
+        row("skip", "signed folder name trimmed", " Pasirasyta /x.pdf", "yes");
+        row("skip", "signed folder deeper is scanned", "Klientai/Pasirasyta/x.pdf", "no");
+        row("skip", "deleted folder any case", "ISTRINTA/2026-01/a.pdf", "yes");
+        row("skip", "deleted folder deeper is scanned", "A/Istrinta/a.pdf", "no");
+        row("skip", "configured deleted folder", "Šiukšlės/a.pdf", "yes", "šiukšlės");
+        row("skip", "default free when another is set", "Istrinta/a.pdf", "no", "Kita");
+        row("skip", "cache folder", "Projektai/cache/a.pdf", "yes");
+        row("skip", "cached folder", "Projektai/cached/a.pdf", "no");
+        row("skip", "temporary folder at the top", "tmp/a.pdf", "yes");
+        row("skip", "file named like a cache folder", "A/cache", "no");
+        row("skip", "office lock file", "~$sutartis.docx", "yes");
+        row("skip", "partial download", "a.pdf.crdownload", "yes");
+        row("skip", "partial any case", "a.PDF.PARTIAL", "yes");
+        row("skip", "tmp not last", "a.tmp.pdf", "no");
+        row("skip", "empty parts dropped", "//Pasirasyta//x.pdf", "yes");
+        row("skip", "empty path", "", "no");
+        row("month", "January", "2026-01-31", "/r/Originalai/2026-01");
+        row("month", "December", "2025-12-01", "/r/Originalai/2025-12");
     }
-    void cleanFileName()
+    void rules()
     {
-        QFETCH(QString, name);
-        QTEST(vantro::rootrules::cleanFileName(name, QStringLiteral("Vantro_dokumentas")),
-              "cleaned");
-    }
-
-    void cleanFileNameUsesCallersFallback()
-    {
-        QCOMPARE(vantro::rootrules::cleanFileName(QStringLiteral(".."), QStringLiteral("kita")),
-                 QStringLiteral("kita"));
-        QCOMPARE(vantro::rootrules::cleanFileName(QStringLiteral(" "), QString()), QString());
-    }
-
-    void relativePathInRoot_data()
-    {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("relative");
-
-        QTest::newRow("file in root") << "R/Sutartis.pdf"
-                                      << "Sutartis.pdf";
-        QTest::newRow("nested") << "R/Projektai/2026/a.pdf"
-                                << "Projektai/2026/a.pdf";
-        QTest::newRow("outside") << "other/a.pdf"
-                                 << "";
-        QTest::newRow("sibling sharing the prefix") << "R2/a.pdf"
-                                                    << "";
-        QTest::newRow("name starting with two dots counts as outside") << "R/..notes.pdf"
-                                                                       << "";
-        QTest::newRow("dot-dot leaving the root") << "R/A/../../other/a.pdf"
-                                                  << "";
-        QTest::newRow("dot-dot staying inside") << "R/A/../b.pdf"
-                                                << "b.pdf";
-        QTest::newRow("parent of the root") << ""
-                                            << "";
-    }
-    void relativePathInRoot()
-    {
-        QFETCH(QString, path);
-        QTemporaryDir dir;
-        const QString root = dir.filePath(QStringLiteral("R"));
-        const QString absolute = path.isEmpty() ? dir.path() : dir.filePath(path);
-        QTEST(vantro::rootrules::relativePathInRoot(root, absolute), "relative");
-    }
-
-    void relativePathNeedsRootAndPath()
-    {
-        QCOMPARE(vantro::rootrules::relativePathInRoot(QString(), QStringLiteral("/a/b.pdf")),
-                 QString());
-        QCOMPARE(vantro::rootrules::relativePathInRoot(QStringLiteral("/a"), QString()), QString());
-    }
-
-    void titleFromFile_data()
-    {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("title");
-
-        QTest::newRow("simple") << "/d/Sutartis.pdf"
-                                << "Sutartis";
-        QTest::newRow("before the first dot") << "/d/Sutartis.signed.pdf"
-                                              << "Sutartis";
-        QTest::newRow("trimmed") << "/d/  Aktas .pdf"
-                                 << "Aktas";
-        QTest::newRow("no suffix") << "/d/README"
-                                   << "README";
-        QTest::newRow("nothing before the dot") << "/d/.pdf"
-                                                << "Dokumentas";
-        QTest::newRow("only spaces before the dot") << "/d/   .pdf"
-                                                    << "Dokumentas";
-    }
-    void titleFromFile()
-    {
-        QFETCH(QString, path);
-        QTEST(vantro::rootrules::titleFromFile(path), "title");
+        QFETCH(QString, rule);
+        QFETCH(QString, input);
+        QFETCH(QString, deleted);
+        const auto yes = [](bool value) {
+            return QString(value ? "yes" : "no");
+        };
+        const QHash<QString, std::function<QString()>> rules{
+            {"clean",
+             [&] {
+                 return cleanFileName(input, "fb");
+             }},
+            {"title",
+             [&] {
+                 return titleFromFile(input);
+             }},
+            {"relative",
+             [&] {
+                 return relativePathInRoot("/R", input);
+             }},
+            {"type",
+             [&] {
+                 return yes(isSupportedDocumentType(input));
+             }},
+            {"suffix",
+             [&] {
+                 return yes(isTemporarySuffix(input));
+             }},
+            {"dir",
+             [&] {
+                 return yes(isSkippedDirectoryName(input));
+             }},
+            {"skip",
+             [&] {
+                 return yes(isSkippedRelativePath(input, deleted));
+             }},
+            {"month", [&] {
+                 return monthFolder("/r", QDate::fromString(input, Qt::ISODate));
+             }}};
+        QTEST(rules.value(rule)(), "expected");
     }
 
     void uniquePath_data()
     {
-        QTest::addColumn<QStringList>("taken");
+        QTest::addColumn<QString>("taken"); // "name/" is a folder, "name@" a dangling link
         QTest::addColumn<QString>("wanted");
         QTest::addColumn<QString>("result");
-
-        QTest::newRow("free") << QStringList{} << "Sutartis.pdf"
-                              << "Sutartis.pdf";
-        QTest::newRow("taken once") << QStringList{"Sutartis.pdf"} << "Sutartis.pdf"
-                                    << "Sutartis_2.pdf";
-        QTest::newRow("no _1, next is _3")
-            << QStringList{"Sutartis.pdf", "Sutartis_2.pdf"} << "Sutartis.pdf"
-            << "Sutartis_3.pdf";
-        QTest::newRow("first gap wins")
-            << QStringList{"Sutartis.pdf", "Sutartis_3.pdf"} << "Sutartis.pdf"
-            << "Sutartis_2.pdf";
-        QTest::newRow("suffix starts at the first dot")
-            << QStringList{"Sutartis.signed.pdf"} << "Sutartis.signed.pdf"
-            << "Sutartis_2.signed.pdf";
-        QTest::newRow("no suffix") << QStringList{"README"} << "README"
-                                   << "README_2";
-        QTest::newRow("a folder also takes the name")
-            << QStringList{"Sutartis.pdf/"} << "Sutartis.pdf"
-            << "Sutartis_2.pdf";
-        QTest::newRow("dangling link takes the name")
-            << QStringList{"Sutartis.pdf@"} << "Sutartis.pdf"
-            << "Sutartis_2.pdf";
+        const auto row = [](const char* name, const char* taken, const char* wanted,
+                            const char* result) {
+            QTest::newRow(name) << QString(taken) << QString(wanted) << QString(result);
+        };
+        row("free", "", "Sutartis.pdf", "Sutartis.pdf");
+        row("taken once", "Sutartis.pdf", "Sutartis.pdf", "Sutartis_2.pdf");
+        row("no _1, _3 after _2", "Sutartis.pdf Sutartis_2.pdf", "Sutartis.pdf", "Sutartis_3.pdf");
+        row("first gap wins", "Sutartis.pdf Sutartis_3.pdf", "Sutartis.pdf", "Sutartis_2.pdf");
+        row("suffix from the first dot", "S.signed.pdf", "S.signed.pdf", "S_2.signed.pdf");
+        row("no suffix", "README", "README", "README_2");
+        row("a folder takes the name", "Sutartis.pdf/", "Sutartis.pdf", "Sutartis_2.pdf");
+        row("a dangling link takes the name", "Sutartis.pdf@", "Sutartis.pdf", "Sutartis_2.pdf");
     }
     void uniquePath()
     {
-        QFETCH(QStringList, taken);
+        QFETCH(QString, taken);
         QFETCH(QString, wanted);
-        QFETCH(QString, result);
         QTemporaryDir dir;
-        for (const QString& name : taken)
-            occupy(dir, name);
-        QCOMPARE(vantro::rootrules::uniquePath(dir.filePath(wanted)), dir.filePath(result));
+        for (const QString& entry : taken.split(' ', Qt::SkipEmptyParts)) {
+            const QString path = dir.filePath(entry.chopped(1));
+            if (entry.endsWith('/'))
+                QVERIFY(QDir().mkdir(path));
+            else if (entry.endsWith('@'))
+                QVERIFY(QFile::link(dir.filePath("nowhere"), path));
+            else
+                QVERIFY(QFile(dir.filePath(entry)).open(QIODevice::WriteOnly));
+        }
+        QTEST(vantro::rootrules::uniquePath(dir.filePath(wanted)).mid(dir.path().size() + 1),
+              "result");
     }
 
+    // Each answer is taken at once: 100 calls end at _100, the next one gives up.
     void uniquePathGivesUpAfterHundredAttempts()
     {
         QTemporaryDir dir;
-        occupy(dir, QStringLiteral("Sutartis.pdf"));
-        for (int i = 2; i <= 99; ++i)
-            occupy(dir, QStringLiteral("Sutartis_%1.pdf").arg(i));
-        const QString wanted = dir.filePath(QStringLiteral("Sutartis.pdf"));
-        QCOMPARE(vantro::rootrules::uniquePath(wanted),
-                 dir.filePath(QStringLiteral("Sutartis_100.pdf")));
-        occupy(dir, QStringLiteral("Sutartis_100.pdf"));
-        QCOMPARE(codeOf([&] { vantro::rootrules::uniquePath(wanted); }),
-                 QStringLiteral("VANTRO_SIGN_LOCAL_FILE_UNIQUE_PATH_EXHAUSTED"));
-    }
-
-    void supportedDocumentType_data()
-    {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<bool>("supported");
-
-        for (const char* suffix : {"pdf", "doc", "docx", "odt", "xls", "xlsx", "txt", "png", "jpg",
-                                   "jpeg", "adoc", "asice"})
-            QTest::addRow("%s", suffix) << QStringLiteral("/d/a.") + QLatin1String(suffix) << true;
-        QTest::newRow("upper case") << "/d/A.PDF" << true;
-        QTest::newRow("last suffix counts") << "/d/a.tar.pdf" << true;
-        QTest::newRow("pptx") << "/d/a.pptx" << false;
-        QTest::newRow("ppt") << "/d/a.ppt" << false;
-        QTest::newRow("odp") << "/d/a.odp" << false;
-        QTest::newRow("asic without e") << "/d/a.asic" << false;
-        QTest::newRow("executable after pdf") << "/d/a.pdf.exe" << false;
-        QTest::newRow("no suffix, name pdf") << "/d/pdf" << false;
-    }
-    void supportedDocumentType()
-    {
-        QFETCH(QString, path);
-        QTEST(isSupportedDocumentType(path), "supported");
-    }
-
-    void temporarySuffix_data()
-    {
-        QTest::addColumn<QString>("suffix");
-        QTest::addColumn<bool>("temporary");
-        for (const char* suffix : {"tmp", "temp", "partial", "crdownload", "download", "TMP"})
-            QTest::addRow("%s", suffix) << QString::fromLatin1(suffix) << true;
-        QTest::newRow("pdf") << "pdf" << false;
-        QTest::newRow("with dot") << ".tmp" << false;
-        QTest::newRow("downloads") << "downloads" << false;
-    }
-    void temporarySuffix()
-    {
-        QFETCH(QString, suffix);
-        QTEST(isTemporarySuffix(suffix), "temporary");
-    }
-
-    void skippedDirectoryName_data()
-    {
-        QTest::addColumn<QString>("name");
-        QTest::addColumn<bool>("skipped");
-        for (const char* name : {"tmp", "temp", ".tmp", ".temp", "cache", ".cache", "previews",
-                                 "preview-cache", ".vantro-temp"})
-            QTest::addRow("%s", name) << QString::fromLatin1(name) << true;
-        QTest::newRow("trimmed and lower-cased") << "  Cache " << true;
-        QTest::newRow("cached") << "cached" << false;
-        QTest::newRow("preview") << "preview" << false;
-        QTest::newRow("Pasirasyta is not a temporary folder") << "Pasirasyta" << false;
-    }
-    void skippedDirectoryName()
-    {
-        QFETCH(QString, name);
-        QTEST(isSkippedDirectoryName(name), "skipped");
-    }
-
-    void skippedRelativePath_data()
-    {
-        QTest::addColumn<QString>("path");
-        QTest::addColumn<QString>("deletedFolder");
-        QTest::addColumn<bool>("skipped");
-
-        const QString deleted = QStringLiteral("Istrinta");
-        QTest::newRow("plain document") << "Sutartis.pdf" << deleted << false;
-        QTest::newRow("signed folder") << "Pasirasyta/x.pdf" << deleted << true;
-        QTest::newRow("signed folder upper case") << "PASIRASYTA/x.pdf" << deleted << true;
-        QTest::newRow("signed folder with Lithuanian letter")
-            << QString::fromUtf8("Pasirašyta/x.pdf") << deleted << true;
-        QTest::newRow("signed folder name trimmed") << " Pasirasyta /x.pdf" << deleted << true;
-        QTest::newRow("signed folder deeper is scanned")
-            << "Klientai/Pasirasyta/x.pdf" << deleted << false;
-        QTest::newRow("deleted folder") << "Istrinta/2026-01/a.pdf" << deleted << true;
-        QTest::newRow("deleted folder any case") << "ISTRINTA/a.pdf" << deleted << true;
-        QTest::newRow("deleted folder deeper is scanned") << "A/Istrinta/a.pdf" << deleted << false;
-        QTest::newRow("configured deleted folder")
-            << QString::fromUtf8("Šiukšlės/a.pdf") << QString::fromUtf8("šiukšlės") << true;
-        QTest::newRow("default name free when another is configured")
-            << "Istrinta/a.pdf" << QStringLiteral("Kita") << false;
-        QTest::newRow("cache folder") << "Projektai/cache/a.pdf" << deleted << true;
-        QTest::newRow("cached folder") << "Projektai/cached/a.pdf" << deleted << false;
-        QTest::newRow("temporary folder at the top") << "tmp/a.pdf" << deleted << true;
-        QTest::newRow("hidden temp folder deep") << "A/B/.vantro-temp/a.pdf" << deleted << true;
-        QTest::newRow("file named like a cache folder") << "A/cache" << deleted << false;
-        QTest::newRow("office lock file") << "~$sutartis.docx" << deleted << true;
-        QTest::newRow("office lock file in folder") << "A/~$x.xlsx" << deleted << true;
-        QTest::newRow("partial download") << "a.pdf.crdownload" << deleted << true;
-        QTest::newRow("partial any case") << "a.PDF.PARTIAL" << deleted << true;
-        QTest::newRow("download suffix") << "a.download" << deleted << true;
-        QTest::newRow("tmp suffix") << "a.tmp" << deleted << true;
-        QTest::newRow("tmp not last") << "a.tmp.pdf" << deleted << false;
-        QTest::newRow("empty parts dropped") << "//Pasirasyta//x.pdf" << deleted << true;
-        QTest::newRow("empty path") << "" << deleted << false;
-        QTest::newRow("only separators") << "///" << deleted << false;
-    }
-    void skippedRelativePath()
-    {
-        QFETCH(QString, path);
-        QFETCH(QString, deletedFolder);
-        QTEST(isSkippedRelativePath(path, deletedFolder), "skipped");
-    }
-
-    void monthFolderUnderOriginals()
-    {
-        QCOMPARE(monthFolder(QStringLiteral("/r"), QDate(2026, 1, 31)),
-                 QStringLiteral("/r/Originalai/2026-01"));
-        QCOMPARE(monthFolder(QStringLiteral("/r"), QDate(2025, 12, 1)),
-                 QStringLiteral("/r/Originalai/2025-12"));
-    }
-
-private:
-    // "name/" makes a folder, "name@" a dangling symbolic link, anything else a file.
-    static void occupy(const QTemporaryDir& dir, const QString& entry)
-    {
-        if (entry.endsWith(QLatin1Char('/'))) {
-            QVERIFY(QDir(dir.path()).mkdir(entry.chopped(1)));
-        } else if (entry.endsWith(QLatin1Char('@'))) {
-            QVERIFY(QFile::link(dir.filePath(QStringLiteral("nowhere")),
-                                dir.filePath(entry.chopped(1))));
-        } else {
-            QFile file(dir.filePath(entry));
-            QVERIFY(file.open(QIODevice::WriteOnly));
-        }
+        const QString wanted = dir.filePath("Sutartis.pdf");
+        QString last;
+        for (int i = 0; i < 100; ++i)
+            QVERIFY(QFile(last = vantro::rootrules::uniquePath(wanted)).open(QIODevice::WriteOnly));
+        QCOMPARE(last, dir.filePath("Sutartis_100.pdf"));
+        QCOMPARE(storetest::codeOf([&] { vantro::rootrules::uniquePath(wanted); }),
+                 "VANTRO_SIGN_LOCAL_FILE_UNIQUE_PATH_EXHAUSTED");
     }
 };
 
