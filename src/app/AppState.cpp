@@ -1,6 +1,7 @@
 #include "app/AppState.h"
 
 #include "app/Logging.h"
+#include "app/SafeName.h"
 #include "platform/SecretStore.h"
 #include "vantro_config.h"
 
@@ -8,7 +9,6 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <QStandardPaths>
 
 namespace vantro {
@@ -26,6 +26,7 @@ const QString kActivation = QStringLiteral("activation");
 const QString kLocalRoot = QStringLiteral("localRoot");
 const QString kTheme = QStringLiteral("theme");
 const QString kDeleteSettings = QStringLiteral("localDeleteSettings");
+constexpr int kMaxDeletedFolderNameLength = 80;
 
 const QString kPlainPrefix = QStringLiteral("plain:");
 const QString kDark = QStringLiteral("dark");
@@ -255,12 +256,7 @@ QJsonObject AppState::localDeleteSettings() const
 // Windows forbids in a file name, and may not climb out of the root ("..") or end in a dot.
 QString AppState::sanitizeFolderName(const QString& name)
 {
-    static const QRegularExpression forbidden(QStringLiteral(R"([<>:"/\\|?*\x00-\x1F])"));
-    QString clean = name.trimmed();
-    clean.replace(forbidden, QStringLiteral("_"));
-    while (!clean.isEmpty() && (clean.back() == QLatin1Char('.') || clean.back().isSpace()))
-        clean.chop(1);
-    return clean.left(80);
+    return windowsSafeName(name, kMaxDeletedFolderNameLength);
 }
 
 bool AppState::isActivated() const

@@ -1,10 +1,10 @@
 #include "store/RootRules.h"
 
 #include "app/Errors.h"
+#include "app/SafeName.h"
 
 #include <QDir>
 #include <QFileInfo>
-#include <QRegularExpression>
 #include <QStringList>
 
 namespace vantro::rootrules {
@@ -35,17 +35,7 @@ QString relativePathInRoot(const QString& root, const QString& path)
 
 QString cleanFileName(const QString& name, const QString& fallback)
 {
-    static const QRegularExpression forbidden(QStringLiteral("[<>:\"/\\\\|?*\\x00-\\x1F]"));
-    QString cleaned = name.trimmed();
-    cleaned.replace(forbidden, QStringLiteral("_"));
-    while (cleaned.endsWith(QLatin1Char('.')) || cleaned.endsWith(QLatin1Char(' ')))
-        cleaned.chop(1);
-    if (cleaned.size() > kMaxFileNameLength) {
-        cleaned.truncate(kMaxFileNameLength);
-        // A cut inside a surrogate pair would leave a name no file system accepts.
-        if (cleaned.back().isHighSurrogate())
-            cleaned.chop(1);
-    }
+    const QString cleaned = windowsSafeName(name, kMaxFileNameLength);
     return cleaned.isEmpty() ? fallback : cleaned;
 }
 
