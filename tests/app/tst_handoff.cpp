@@ -3,8 +3,6 @@
 #include "app/InstanceLog.h"
 #include "app/Paths.h"
 
-#include <QDir>
-#include <QFile>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -12,8 +10,6 @@
 #include <unistd.h>
 
 using namespace vantro;
-
-namespace {
 
 // Drops the effective user and group to "nobody" for a scope, so permission bits bind even
 // for root (with group root kept, the group bits would apply instead of the others' bits).
@@ -28,13 +24,6 @@ struct AsNobody
     }
 };
 
-HandoffStamp stamp(qint64 pid)
-{
-    return {QDateTime(QDate(2024, 3, 5), QTime(7, 8, 9, 12)), pid};
-}
-
-} // namespace
-
 class HandoffTest : public QObject
 {
     Q_OBJECT
@@ -43,6 +32,7 @@ private:
     QTemporaryDir m_tmp;
     QString m_dir;
 
+    static HandoffStamp stamp(qint64 pid) { return {{{2024, 3, 5}, {7, 8, 9, 12}}, pid}; }
     QString writeCommand(const QString& name, const QByteArray& content)
     {
         QFile file(QDir(m_dir).filePath(name));
@@ -63,16 +53,11 @@ private:
     // What a receive run triggered, in order; without `now`, the production entry point runs.
     QStringList run(const QDateTime& now = {})
     {
-        QStringList events;
-        const HandoffActions actions{[&](const QString& link) { events << "link " + link; },
-                                     [&]() {
-                                         events << "show";
-                                     }};
-        if (now.isValid())
-            receiveHandoff(m_dir, actions, now);
-        else
-            receiveHandoff(actions);
-        return events;
+        QStringList e;
+        const HandoffActions actions{[&](auto& link) { e << "link " + link; },
+                                     std::function<void()>([&] { e << "show"; })};
+        now.isValid() ? receiveHandoff(m_dir, actions, now) : receiveHandoff(actions);
+        return e;
     }
 
 private Q_SLOTS:
@@ -81,32 +66,21 @@ private Q_SLOTS:
         QVERIFY(m_tmp.isValid());
         qputenv("LOCALAPPDATA", m_tmp.path().toUtf8());
         m_dir = commandsDir();
-        QVERIFY(m_dir.startsWith(m_tmp.path()));
     }
     void init()
     {
-        QDir(m_dir).removeRecursively();
-        QVERIFY(QDir().mkpath(m_dir));
+        QVERIFY(QDir(m_dir).removeRecursively() && QDir().mkpath(m_dir));
         QFile::remove(instanceLogPath());
     }
 
     void writeTrimsAndLogsRedacted()
     {
         const QString path = writeHandoff("  VantroSign://activate?code=SECRET \n");
-        QCOMPARE(QFileInfo(path).dir().path(), m_dir);
         QVERIFY(path.endsWith(QString("-%1.txt").arg(QCoreApplication::applicationPid())));
         QCOMPARE(entries(), QStringList{QFileInfo(path).fileName()}); // no temporary left over
         QCOMPARE(contents(path), "VantroSign://activate?code=SECRET\n");
         QVERIFY(log().contains(" handoff write vantrosign://activate?code=***: ok\n"));
         QVERIFY(!log().contains("SECRET"));
-    }
-
-    void writeFailureIsLoggedAndLeavesNothing()
-    {
-        const QString blocker = writeCommand("not-a-dir", "x");
-        QCOMPARE(writeHandoff(blocker + "/sub", "", stamp(1)), QString());
-        QVERIFY(log().contains(" handoff write failed: "));
-        QCOMPARE(entries(), QStringList{"not-a-dir"}); // nothing else left behind
     }
 
     // Names sort by time of writing; the pid keeps writers of the same millisecond apart.
@@ -115,10 +89,10 @@ private Q_SLOTS:
         const QString first = writeHandoff(m_dir, QString(), stamp(100));
         QCOMPARE(QFileInfo(first).fileName(), "command-20240305070809012-100.txt");
         QCOMPARE(contents(first), "show\n"); // an empty link argument means "show"
-        QVERIFY(log().contains(" handoff write show: ok\n"));
         writeHandoff(m_dir, "vantrosign:x", stamp(101));
         writeCommand("command-20240305070809011-999.txt", "vantrosign:earlier");
-        QCOMPARE(entries().size(), 3);
+        writeCommand("command-20240305070809010-1.txt.tmp", "vantrosign:partly written");
+        QCOMPARE(entries().size(), 4);
         QCOMPARE(run(), (QStringList{"link vantrosign:earlier", "show", "link vantrosign:x"}));
     }
 
@@ -127,52 +101,26 @@ private Q_SLOTS:
         QTest::addColumn<QByteArray>("content");
         QTest::addColumn<int>("ageSeconds");
         QTest::addColumn<QStringList>("events");
-        QTest::addColumn<QString>("logged");
-        const QString show = "handoff received show", protocol = "handoff received protocol";
         const auto add = [](const char* name, const QByteArray& content, int age,
-                            const QStringList& events, const QString& logged) {
-            QTest::newRow(name) << content << age << events << logged;
+                            const QStringList& events) {
+            QTest::newRow(name) << content << age << events;
         };
-        add("show", "show\n", 0, {"show"}, show);
-        add("link", "vantrosign://activate?code=A\n", 0, {"link vantrosign://activate?code=A"},
-            protocol);
-        add("capitalised scheme", "VANTROSIGN:a\r\n", 0, {"link VANTROSIGN:a"}, protocol);
-        add("blanks around link", "  \tvantrosign:x  \n\n", 0, {"link vantrosign:x"}, protocol);
-        add("other text only shows", "rm -rf / ; https://evil.example\n", 0, {"show"}, show);
-        add("blank does nothing", "  \n\t \n", 0, {}, "");
-        add("oversized is discarded", QByteArray(200 * 1024, 'a'), 0, {},
-            "handoff discarded oversized command");
-        add("300 s old is still read", "show\n", 300, {"show"}, show);
-        add("301 s old is stale", "show\n", 301, {}, "");
-        add("ten minutes old is stale", "vantrosign:x\n", 600, {}, "");
+        add("capitalised scheme, blanks", " \tVANTROSIGN:a \r\n\n", 0, {"link VANTROSIGN:a"});
+        add("other text only shows", "rm -rf / ; https://evil.example\n", 0, {"show"});
+        add("blank does nothing", "  \n\t \n", 0, {});
+        add("oversized is discarded", QByteArray(200 * 1024, 'a'), 0, {});
+        add("300 s old is still read", "show\n", 300, {"show"});
+        add("301 s old is stale", "vantrosign:x\n", 301, {});
     }
-    void receive()
+    void receive() // every command file goes, whatever it held
     {
         QFETCH(QByteArray, content);
         QFETCH(int, ageSeconds);
-        QFETCH(QString, logged);
-        QFile file(writeCommand("command-20240305070809012-9.txt", content));
-        QVERIFY(file.open(QIODevice::ReadWrite));
-        const QDateTime modified = QDateTime::currentDateTimeUtc().addSecs(-ageSeconds);
-        QVERIFY(file.setFileTime(modified, QFileDevice::FileModificationTime));
-        file.close();
-        // `now` pinned to the stamp plus the age, so the boundary rows do not race the clock.
-        const QDateTime stamped = QFileInfo(file).fileTime(QFileDevice::FileModificationTime);
-        QTEST(run(stamped.addSecs(ageSeconds)), "events");
+        const QString path = writeCommand("command-20240305070809012-9.txt", content);
+        // `now` is the file's time plus the age, so the boundary rows do not race the clock.
+        const QDateTime written = QFileInfo(path).fileTime(QFileDevice::FileModificationTime);
+        QTEST(run(written.addSecs(ageSeconds)), "events");
         QVERIFY(entries().isEmpty());
-        QCOMPARE(log().count(QLatin1String(" handoff ")), logged.isEmpty() ? 0 : 1);
-        QVERIFY(logged.isEmpty() || log().contains(' ' + logged + '\n'));
-    }
-
-    void ignoresWhatIsNotACommandFile()
-    {
-        writeCommand("notes.txt", "show");
-        writeCommand("command-1-1.txt.tmp", "show");
-        QVERIFY(QDir(m_dir).mkdir("command-2-2.txt"));
-        const QString target = writeCommand("target", "show");
-        QVERIFY(QFile::link(target, QDir(m_dir).filePath("command-3-3.txt")));
-        QCOMPARE(run(), QStringList());
-        QCOMPARE(entries().size(), 5);
     }
 
     void unreadableFreshFileStaysUntilStale()

@@ -1,8 +1,6 @@
 #include "e2e/BrowserHarness.h"
 
-#include <QHttpServerRequest>
 #include <QHttpServerResponse>
-#include <QJsonArray>
 #include <QJsonDocument>
 #include <QPointer>
 #include <QTimer>
@@ -15,36 +13,27 @@ bool runUntil(QEventLoop& loop, int timeoutMs)
     return loop.exec() == 0;
 }
 
-bool PageServer::start(quint16 port)
+bool PageServer::start(quint16 wanted)
 {
     static const QByteArray page = R"(<!DOCTYPE html>
 <html><head><meta charset="utf-8"><title>page</title><script>
-window.__events = [];
-window.addEventListener('message', function (event) { window.__events.push(event.data); });
-window.__answers = [];
-if (window.chrome && window.chrome.webview)
-    window.chrome.webview.addEventListener('message', function (event) {
-        window.__answers.push(event.data);
-    });
+window.__events = [], window.__answers = [];
+addEventListener('message', function (e) { __events.push(e.data); });
+if (window.chrome && chrome.webview)
+    chrome.webview.addEventListener('message', function (e) { __answers.push(e.data); });
 </script></head><body><p>test page</p></body></html>)";
-    m_server = std::make_unique<QHttpServer>();
-    const auto respond = [this](const QHttpServerRequest& request) {
-        m_paths << request.url().path();
+    server = std::make_unique<QHttpServer>();
+    server->route("/<arg>", [this](const QUrl&, const QHttpServerRequest& request) {
+        if (request.url().path() != "/favicon.ico")
+            requestedPaths << request.url().path();
         QHttpServerResponse response("text/html; charset=utf-8", page);
-        if (m_isolated) {
+        if (isolated) {
             response.setHeader("Cross-Origin-Opener-Policy", "same-origin");
             response.setHeader("Cross-Origin-Embedder-Policy", "require-corp");
         }
         return response;
-    };
-    m_server->route(QStringLiteral("/"), respond);
-    m_server->route(
-        QStringLiteral("/<arg>"),
-        [respond](const QUrl&, const QHttpServerRequest& request) { return respond(request); });
-    m_port = m_server->listen(QHostAddress::LocalHost, port);
-    if (m_port == 0)
-        m_server.reset();
-    return m_port != 0;
+    });
+    return (port = server->listen(QHostAddress::LocalHost, wanted)) != 0;
 }
 
 QVariant PageDriver::eval(const QString& script, int timeoutMs)
@@ -52,7 +41,7 @@ QVariant PageDriver::eval(const QString& script, int timeoutMs)
     // The callback may come after a timeout, when this frame is gone.
     QEventLoop loop;
     auto value = std::make_shared<QVariant>();
-    m_page->runJavaScript(script, [value, guard = QPointer<QEventLoop>(&loop)](const QVariant& v) {
+    page->runJavaScript(script, [value, guard = QPointer<QEventLoop>(&loop)](const QVariant& v) {
         *value = v;
         if (guard)
             guard->quit();
@@ -60,41 +49,46 @@ QVariant PageDriver::eval(const QString& script, int timeoutMs)
     return runUntil(loop, timeoutMs) ? *value : QVariant();
 }
 
+QJsonValue PageDriver::json(const QString& expression)
+{
+    const QString text = eval("JSON.stringify([" + expression + "])").toString();
+    return QJsonDocument::fromJson(text.toUtf8()).array().at(0);
+}
+
 QJsonObject PageDriver::await(const QString& expression, int timeoutMs)
 {
     // The page announces completion through its title: a signal, so nothing polls.
-    const QString token = QStringLiteral("vantro-test-%1").arg(++m_sequence);
-    const QString script = QStringLiteral(R"((function () {
-    function done(outcome) {
-        (window.__testResults = window.__testResults || {})['%1'] = outcome;
-        document.title = '%1';
-    }
-    Promise.resolve().then(function () { return (%2); }).then(function (value) {
-        done({ ok: true, value: value === undefined ? null : value });
-    }, function (error) {
-        done({ ok: false,
-               message: String(error && error.message !== undefined ? error.message : error),
-               code: (error && error.code) || null });
-    });
-})();)")
-                               .arg(token, expression);
+    const QString token = QStringLiteral("vantro-test-%1").arg(++sequence);
+    const QString script =
+        QStringLiteral(
+            "Promise.resolve().then(function () { return (%2); }).then(function (value) {"
+            " return {ok: true, value: value === undefined ? null : value}; }, function (error) {"
+            " return {ok: false, code: (error && error.code) || null, message: String(error &&"
+            " error.message !== undefined ? error.message : error)}; }).then(function (outcome) {"
+            " (window.__testResults = window.__testResults || {})['%1'] = outcome;"
+            " document.title = '%1'; }); 0")
+            .arg(token, expression);
     QEventLoop loop;
-    QObject::connect(m_page, &QWebEnginePage::titleChanged, &loop, [&loop, token](auto& title) {
+    QObject::connect(page, &QWebEnginePage::titleChanged, &loop, [&loop, token](auto& title) {
         if (title == token)
             loop.quit();
     });
-    m_page->runJavaScript(script);
+    page->runJavaScript(script);
     if (!runUntil(loop, timeoutMs))
         return {};
-    const QVariant json =
-        eval(QStringLiteral("JSON.stringify(window.__testResults['%1'])").arg(token));
-    return QJsonDocument::fromJson(json.toString().toUtf8()).object();
+    return json("__testResults['" + token + "']").toObject();
+}
+
+bool PageDriver::load(const QUrl& url)
+{
+    page->load(url);
+    return waitForLoad();
 }
 
 bool PageDriver::waitForLoad(int timeoutMs)
 {
     QEventLoop loop;
-    QObject::connect(m_page, &QWebEnginePage::loadFinished, &loop,
+    QObject::connect(page, &QWebEnginePage::loadFinished, &loop,
                      [&loop](bool ok) { loop.exit(ok ? 0 : 2); });
     return runUntil(loop, timeoutMs);
 }
@@ -102,64 +96,41 @@ bool PageDriver::waitForLoad(int timeoutMs)
 // A window message posted now is dispatched after everything queued before it.
 bool PageDriver::settle()
 {
-    return await(QStringLiteral("new Promise(function (resolve) {"
-                                " var marker = {__vantroMarker: Math.random()};"
-                                " window.addEventListener('message', function (event) {"
-                                "   if (event.data && event.data.__vantroMarker ==="
-                                "       marker.__vantroMarker) resolve(true); });"
-                                " window.postMessage(marker, '*'); })"))
-        .value(QStringLiteral("ok"))
+    return await("new Promise(function (resolve) { var marker = {settle: Math.random()};"
+                 " addEventListener('message', function (e) { if (e.data && e.data.settle"
+                 " === marker.settle) resolve(true); }); postMessage(marker, '*'); })")
+        .value("ok")
         .toBool();
-}
-
-QList<QJsonObject> PageDriver::objectList(const QString& expression)
-{
-    const QVariant json = eval(QStringLiteral("JSON.stringify(%1)").arg(expression));
-    QList<QJsonObject> list;
-    for (const QJsonValue& value : QJsonDocument::fromJson(json.toString().toUtf8()).array())
-        list << value.toObject();
-    return list;
-}
-
-QList<QJsonObject> PageDriver::desktopEvents()
-{
-    return objectList(QStringLiteral("window.__events.filter(function (event) {"
-                                     " return event && 'vantroSignDesktopEvent' in event; })"));
 }
 
 bool AppWindow::open()
 {
-    if (!m_server.start(kDevPort) || !m_foreign.start()) {
+    if (!m_server.start(kDevPort) || !foreign.start()) {
         qWarning("cannot listen on 127.0.0.1:%d", int(kDevPort));
         return false;
     }
     m_window = std::make_unique<SignAppWindow>();
-    m_driver = std::make_unique<PageDriver>(host()->page());
+    m_page.page = host()->page();
     m_trust = host()->trustRule();
     m_handler = host()->messageHandler();
-    m_window->setDesktopShell(&m_shell);
+    m_window->setDesktopShell(&shell);
     m_window->show();
     // The window started loading in its constructor; the signal cannot have come yet.
-    return m_driver->waitForLoad();
+    return m_page.waitForLoad();
 }
 
 void AppWindow::close()
 {
-    m_driver.reset();
     m_window.reset();
-    m_server.stop();
-    m_foreign.stop();
 }
 
 bool AppWindow::reset()
 {
     host()->setTrustRule(m_trust);
     host()->setMessageHandler(m_handler);
-    m_shell.onPickFiles = nullptr;
-    m_shell.openedUrls.clear();
-    m_shell.pickFilesCalls = 0;
+    shell = RecordingShell();
     m_window->showNormal();
-    return loadApp();
+    return m_page.load(appUrl());
 }
 
 } // namespace vantro::testing

@@ -1,32 +1,78 @@
 // The page API as the page sees it: what each function posts, how answers settle the promises,
-// the install guard and the card error texts. Real window, real browser, pages on loopback.
+// the install guard and the card error texts.
 #include "e2e/BrowserHarness.h"
 
 #include "api/SignApiClient.h"
-#include "app/OrderedJson.h"
 #include "ui/PageScripts.h"
 
-#include <QJsonArray>
 #include <QJsonDocument>
-#include <QRegularExpression>
+#include <QSet>
 #include <QtTest>
-
-#include <utility>
 
 using namespace vantro;
 using namespace vantro::testing;
 
 namespace {
 
-QString js(const QString& text)
-{
-    return QString::fromUtf8(toCompactJson(text));
-}
+// clang-format off
+const char kCapabilities[] = "local_file_handles explorer_drag_drop_import local_root_watch local_root_selection mirror_queue signed_artifact_mirror artifact_reveal_exact "
+    "artifact_reveal_v2 artifact_reveal_cancel windows_default_preview native_windows_preview native_windows_child_preview msoffice_wysiwyg_preview "
+    "msoffice_preview_cache adoc_local_extract usb_bridge usb_sign_batch_native qt_bridge native_desktop_bridge native_updates";
 
-QJsonValue parseJson(const QString& json)
-{
-    return QJsonDocument::fromJson("[" + json.toUtf8() + "]").array().at(0);
-}
+// Methods sharing their call arguments and the arguments they must send.
+const char* const kCallGroups[][3] = {
+    {"sign:getStatus sign:getTheme sign:getLocalDeleteSettings sign:getLocalRoot sign:setLocalRoot sign:pickFiles "
+     "sign:reconcileLocalRoot sign:retryMirrorQueue sign:closeNativePreview sign:openLocalRoot sign:getUpdateStatus "
+     "sign:checkForUpdates sign:startUpdate sign:cancelUpdate sign:applyUpdate usb:isAvailable usb:diagnose "
+     "usb:getSigningCertificate", "'ignored'", "[]"},
+    {"sign:activate sign:setLocalDeleteSettings sign:listDocuments sign:mirrorArtifact sign:ensureLocalArtifactAndReveal "
+     "sign:openServerDocument sign:renderServerDocumentPreview sign:warmServerDocumentPreview sign:showNativePreview "
+     "usb:sign usb:authenticate", "", "[{}]"},
+    {"sign:activate sign:listDocuments usb:signBatch", "{q: [1]}", R"([{"q":[1]}])"},
+    {"sign:listJobs sign:listExternalInvitations sign:cancelArtifactReveal sign:openLocalFolder", "", R"([""])"},
+    {"sign:setTheme sign:setQesVisualPosition sign:listJobs sign:deleteLocalDocument sign:uploadLocalDocument "
+     "sign:cancelExternalInvitation sign:remindExternalInvitation sign:hashFile sign:getMirrorStatus "
+     "sign:removeLocalArtifact sign:openLocalFile sign:revealLocalFile", "'x'", R"(["x"])"},
+    {"sign:setTheme", "", "[null]"},
+    {"sign:runPdfTool", "'d', 'merge'", R"(["d","merge",{}])"},
+    {"sign:createExternalInvitation sign:queueUpload", "'x'", R"(["x",{}])"},
+    {"sign:openLocalArtifactFolder", "'a'", R"(["a","",""])"},
+    {"sign:getLocalArtifactStatus", "'a', 'p/x', 's'", R"(["a","p/x","s"])"},
+    {"sign:removeLocalDocumentArtifacts", "'d'", R"(["d",""])"},
+    {"sign:extractAdocFiles", "", R"([{"files":[]}])"}};
+
+// ltMessage(error expression) and the text it must give.
+const char* const kLtMessages[][2] = {
+    {"new Error('VANTRO_USB_HELPER_UNAVAILABLE: gone')", "Vantro Sign USB/eID modulis šiame diegime nepasiekiamas."},
+    {"new Error('ERR_VANTRO_ORIGIN_FORBIDDEN VANTRO_USB_HELPER_UNAVAILABLE')", "Vantro Sign USB/eID modulis šiame diegime nepasiekiamas."},
+    {"new Error('ERR_VANTRO_ORIGIN_FORBIDDEN: rejected')", "Vantro Sign USB/eID modulis atmetė pasirašymo užklausą. Įdiekite naujausią Vantro Sign versiją ir bandykite dar kartą."},
+    {"new Error('cannot load C:\\\\X\\\\MCARD-PKCS11.DLL')", "Nepavyko įkelti LT ID kortelės MaskTech/mCard komponento. Įdiekite MaskTech kortelės programinę įrangą, atjunkite ir vėl prijunkite kortelę, tada bandykite dar kartą."},
+    {"new Error('C:\\\\Tools\\\\MCard\\\\x.dll')", "Nepavyko įkelti LT ID kortelės MaskTech/mCard komponento. Įdiekite MaskTech kortelės programinę įrangą, atjunkite ir vėl prijunkite kortelę, tada bandykite dar kartą."},
+    {"new Error('/usr/lib/mcard/libx.so')", "Nepavyko įkelti LT ID kortelės MaskTech/mCard komponento. Įdiekite MaskTech kortelės programinę įrangą, atjunkite ir vėl prijunkite kortelę, tada bandykite dar kartą."},
+    {"new Error('ERR_WEBEID_USER_CANCELLED /opt/mcard/x')", "Nepavyko įkelti LT ID kortelės MaskTech/mCard komponento. Įdiekite MaskTech kortelės programinę įrangą, atjunkite ir vėl prijunkite kortelę, tada bandykite dar kartą."},
+    {"new Error('ERR_WEBEID_USER_CANCELLED SMART_CARD_CHANGE_REQUIRED')", "Kortelė aptikta, bet pasirašymo sertifikatai nepasiekiami. Jei naudojate Lietuvos MaskTech ID kortelę, užregistruokite ją mCard įrankiuose ir prijunkite iš naujo."},
+    {"new Error('ERR_WEBEID_USER_CANCELLED: USER Cancelled')", "Kortelė aptikta, bet pasirašymo sertifikatai nepasiekiami. Jei naudojate Lietuvos MaskTech ID kortelę, užregistruokite ją mCard įrankiuose ir prijunkite iš naujo."},
+    {"new Error('ERR_WEBEID_USER_CANCELLED')", "USB/eID veiksmas atšauktas. Bandykite dar kartą."},
+    {"new Error('SMART_CARD_CHANGE_REQUIRED')", "Kortelė arba USB raktas neparuoštas pasirašymui. Jei naudojate Lietuvos MaskTech ID kortelę, užregistruokite ją mCard įrankiuose ir prijunkite iš naujo."},
+    {"new Error('PKCS11_TOKEN_NOT_PRESENT')", "Kortelė arba USB raktas neaptiktas. Prijunkite priemonę ir bandykite dar kartą."},
+    {"new Error('No Card Or Token Detected')", "Kortelė arba USB raktas neaptiktas. Prijunkite priemonę ir bandykite dar kartą."},
+    {"new Error('PKCS11_TOKEN_REMOVED')", "Kortelė arba USB raktas buvo atjungtas. Prijunkite priemonę ir bandykite dar kartą."},
+    {"new Error('The token WAS REMOVED')", "Kortelė arba USB raktas buvo atjungtas. Prijunkite priemonę ir bandykite dar kartą."},
+    {"new Error('VANTRO_USB_HELPER_TIMEOUT_get-signing-certificate')", "USB/eID sertifikato skaitymas užstrigo. Patikrinkite, ar PIN langas nėra pasislėpęs už kitų langų, ar kortelė/tokenas prijungtas, ir bandykite dar kartą."},
+    {"new Error('VANTRO_USB_HELPER_TIMEOUT_sign')", "USB/eID PIN pasirašymo veiksmas negrįžo laiku. Patikrinkite, ar PIN langas nėra pasislėpęs už kitų langų, ir bandykite dar kartą."},
+    {"new Error('VANTRO_USB_HELPER_TIMEOUT_sign-batch')", "USB/eID PIN pasirašymo veiksmas negrįžo laiku. Patikrinkite, ar PIN langas nėra pasislėpęs už kitų langų, ir bandykite dar kartą."},
+    {"new Error('VANTRO_USB_HELPER_TIMEOUT_diagnose')", "Vantro Sign USB/eID modulis neatsakė laiku."},
+    {"new Error('ERR_VANTRO_MIDDLEWARE_MISSING')", "Nerasta reikiama kortelės tvarkyklė. Įdiekite kortelės ar USB rakto gamintojo programinę įrangą."},
+    {"new Error('ERR_VANTRO_NO_SIGNING_CERTIFICATE')", "Kortelėje nerastas pasirašymo sertifikatas."},
+    {"new Error('ERR_VANTRO_NO_AUTHENTICATION_CERTIFICATE')", "Kortelėje nerastas prisijungimo sertifikatas."},
+    {"new Error('ERR_VANTRO_CARD_UNSUPPORTED')", "Kortelė aptikta, bet Vantro Sign jos dar nepalaiko."},
+    {"new Error('ERR_VANTRO_TIMEOUT')", "Pasirašymo programa neatsako. Bandykite dar kartą."},
+    {"new Error('err_vantro_timeout')", "USB/eID kortelės veiksmas nepavyko. Patikrinkite kortelę arba USB raktą ir bandykite dar kartą."},
+    {"new Error('something else')", "USB/eID kortelės veiksmas nepavyko. Patikrinkite kortelę arba USB raktą ir bandykite dar kartą."},
+    {"'PKCS11_TOKEN_REMOVED'", "Kortelė arba USB raktas buvo atjungtas. Prijunkite priemonę ir bandykite dar kartą."},
+    {"({message: 'ERR_VANTRO_TIMEOUT'})", "Pasirašymo programa neatsako. Bandykite dar kartą."},
+    {"undefined", "USB/eID kortelės veiksmas nepavyko. Patikrinkite kortelę arba USB raktą ir bandykite dar kartą."}};
+// clang-format on
 
 } // namespace
 
@@ -36,12 +82,11 @@ class PageApiTest : public QObject
 
 private:
     AppWindow m_app;
-    QString m_lastId;
+    QSet<QString> m_ids; // ids the page made so far: each call gets a fresh one
 
     PageDriver& page() { return m_app.page(); }
 
-    // Runs `call` and returns the message it posted. From then on posts go nowhere: answers are
-    // the test's to give.
+    // Runs `call` and returns the message it posted; later posts go nowhere.
     QJsonObject postedBy(const QString& call)
     {
         QString posted;
@@ -50,7 +95,7 @@ private:
             posted = json;
             loop.quit();
         });
-        page().eval(QStringLiteral("void (%1); 0").arg(call));
+        page().eval("void (" + call + "); 0");
         if (posted.isEmpty())
             runUntil(loop);
         m_app.host()->setMessageHandler([](const QString&, const QUrl&) {});
@@ -63,248 +108,83 @@ private Q_SLOTS:
 
     void exposesVersionAndCapabilitiesInOrder()
     {
-        const QVariantList values =
-            page()
-                .eval(QStringLiteral("[vantroSign.version, vantroUsbBridge.version,"
-                                     " Object.keys(vantroSign.capabilities),"
-                                     " Object.values(vantroSign.capabilities)]"))
-                .toList();
-        QCOMPARE(values.size(), 4);
-        QCOMPARE(values.at(0).toString(), QStringLiteral("0.2.0-stage2a"));
-        QCOMPARE(values.at(1).toString(), QStringLiteral("0.2.0-stage2a"));
-        const QStringList expected =
-            QStringLiteral(
-                "local_file_handles explorer_drag_drop_import local_root_watch "
-                "local_root_selection "
-                "mirror_queue signed_artifact_mirror artifact_reveal_exact artifact_reveal_v2 "
-                "artifact_reveal_cancel windows_default_preview native_windows_preview "
-                "native_windows_child_preview msoffice_wysiwyg_preview msoffice_preview_cache "
-                "adoc_local_extract usb_bridge usb_sign_batch_native qt_bridge "
-                "native_desktop_bridge "
-                "native_updates")
-                .split(' ');
-        QCOMPARE(values.at(2).toStringList(), expected);
-        QCOMPARE(values.at(3).toList(), QVariantList(expected.size(), QVariant(true)));
+        const QStringList names = QString(kCapabilities).split(' ');
+        QCOMPARE(page().eval("[vantroSign.version, vantroUsbBridge.version]").toStringList(),
+                 QStringList(2, "0.2.0-stage2a"));
+        QCOMPARE(page().eval("Object.keys(vantroSign.capabilities)").toStringList(), names);
+        QCOMPARE(page().eval("Object.values(vantroSign.capabilities)").toList(),
+                 QVariantList(names.size(), true));
     }
 
+    // Each function posts its own method with its arguments and defaults, under a fresh id.
     void postsCallMessages_data()
     {
-        QTest::addColumn<QString>("call");
-        QTest::addColumn<QString>("args");
-        // Functions without arguments send none, whatever the page passes.
-        for (const char* name :
-             {"getStatus", "getTheme", "getLocalDeleteSettings", "getLocalRoot", "setLocalRoot",
-              "pickFiles", "reconcileLocalRoot", "retryMirrorQueue", "closeNativePreview",
-              "openLocalRoot", "getUpdateStatus", "checkForUpdates", "startUpdate", "cancelUpdate",
-              "applyUpdate"})
-            QTest::newRow(name) << QStringLiteral("vantroSign.%1('ignored')").arg(name) << "[]";
-        for (const char* name : {"isAvailable", "diagnose", "getSigningCertificate"})
-            QTest::newRow(name) << QStringLiteral("vantroUsbBridge.%1('ignored')").arg(name)
-                                << "[]";
-        const char* const calls[][2] = {
-            {"vantroSign.activate()", "[{}]"},
-            {"vantroSign.activate({code: 'A1'})", R"([{"code":"A1"}])"},
-            {"vantroSign.setTheme('dark')", R"(["dark"])"},
-            {"vantroSign.setTheme()", "[null]"},
-            {"vantroSign.setLocalDeleteSettings()", "[{}]"},
-            {"vantroSign.setQesVisualPosition('top_left')", R"(["top_left"])"},
-            {"vantroSign.listDocuments()", "[{}]"},
-            {"vantroSign.listDocuments({q: 'x'})", R"([{"q":"x"}])"},
-            {"vantroSign.listJobs()", R"([""])"},
-            {"vantroSign.listJobs('d1')", R"(["d1"])"},
-            {"vantroSign.deleteLocalDocument('d1')", R"(["d1"])"},
-            {"vantroSign.uploadLocalDocument('d1')", R"(["d1"])"},
-            {"vantroSign.runPdfTool('d1', 'merge')", R"(["d1","merge",{}])"},
-            {"vantroSign.listExternalInvitations()", R"([""])"},
-            {"vantroSign.createExternalInvitation('d1')", R"(["d1",{}])"},
-            {"vantroSign.cancelExternalInvitation('i1')", R"(["i1"])"},
-            {"vantroSign.remindExternalInvitation('i1')", R"(["i1"])"},
-            {"vantroSign.hashFile('h1')", R"(["h1"])"},
-            {"vantroSign.queueUpload('h1')", R"(["h1",{}])"},
-            {"vantroSign.mirrorArtifact()", "[{}]"},
-            {"vantroSign.ensureLocalArtifactAndReveal()", "[{}]"},
-            {"vantroSign.cancelArtifactReveal()", R"([""])"},
-            {"vantroSign.getMirrorStatus('a1')", R"(["a1"])"},
-            {"vantroSign.openServerDocument()", "[{}]"},
-            {"vantroSign.renderServerDocumentPreview()", "[{}]"},
-            {"vantroSign.warmServerDocumentPreview()", "[{}]"},
-            {"vantroSign.showNativePreview()", "[{}]"},
-            {"vantroSign.openLocalFolder()", R"([""])"},
-            {"vantroSign.openLocalArtifactFolder('a1')", R"(["a1","",""])"},
-            {"vantroSign.getLocalArtifactStatus('a1', 'p/x', 's1')", R"(["a1","p/x","s1"])"},
-            {"vantroSign.removeLocalArtifact('a1')", R"(["a1"])"},
-            {"vantroSign.removeLocalDocumentArtifacts('d1')", R"(["d1",""])"},
-            {"vantroSign.extractAdocFiles()", R"([{"files":[]}])"},
-            {"vantroSign.openLocalFile('f1')", R"(["f1"])"},
-            {"vantroSign.revealLocalFile('f1')", R"(["f1"])"},
-            {"vantroUsbBridge.sign()", "[{}]"},
-            {"vantroUsbBridge.signBatch({items: [1]})", R"([{"items":[1]}])"},
-            {"vantroUsbBridge.authenticate()", "[{}]"}};
-        for (const auto& call : calls)
-            QTest::newRow(call[0]) << call[0] << call[1];
+        QTest::addColumn<QString>("method");
+        QTest::addColumn<QByteArray>("args");
+        for (const auto& group : kCallGroups) {
+            for (const QString& method : QString(group[0]).split(' ')) {
+                const QString call =
+                    (method.startsWith("usb:") ? "vantroUsbBridge." : "vantroSign.") +
+                    method.section(':', 1) + '(' + group[1] + ')';
+                QTest::newRow(qPrintable(call)) << method << QByteArray(group[2]);
+            }
+        }
     }
 
-    // Each function calls the method of its own name: "sign:" for vantroSign, "usb:" for
-    // vantroUsbBridge.
     void postsCallMessages()
     {
-        QFETCH(QString, call);
-        QFETCH(QString, args);
-        const QJsonObject message = postedBy(call);
-        const QString prefix = call.startsWith("vantroSign.") ? "sign:" : "usb:";
-        QCOMPARE(message.value("vantroSignBridge"), QJsonValue(true));
-        QCOMPARE(message.value("method").toString(),
-                 prefix + call.section('.', 1).section('(', 0, 0));
-        QCOMPARE(message.value("args"), parseJson(args));
-        QCOMPARE(message.value("href").toString(), page().url().toString());
-        // Answers find their promise by id: every call needs its own.
-        const QString id = message.value("id").toString();
-        static const QRegularExpression idPattern(QStringLiteral("^vantro-[0-9a-z]+-[0-9a-z]+$"));
-        QVERIFY2(idPattern.match(id).hasMatch(), qPrintable(id));
-        QVERIFY(id != std::exchange(m_lastId, id));
+        QFETCH(QString, method);
+        QFETCH(QByteArray, args);
+        QJsonObject message = postedBy(QString::fromUtf8(QTest::currentDataTag()));
+        const QString id = message.take("id").toString();
+        QCOMPARE(message, (QJsonObject{{"vantroSignBridge", true},
+                                       {"method", method},
+                                       {"args", QJsonDocument::fromJson(args).array()},
+                                       {"href", page().url().toString()}}));
+        QVERIFY2(id.startsWith("vantro-") && !m_ids.contains(id), qPrintable(id));
+        m_ids << id;
     }
 
-    void settlesOnlyItsOwnAnswer_data()
+    // An answer settles only the call with its id, and only with the answer marker; "ok"
+    // missing resolves, false rejects with the error's code.
+    void answersSettleTheirOwnCall()
     {
-        QTest::addColumn<QString>("result");
-        QTest::addColumn<QString>("outcome"); // as the page's await sees it
-        QTest::newRow("success") << R"({"ok":true,"value":{"a":[1,2]}})"
-                                 << R"({"ok":true,"value":{"a":[1,2]}})";
-        QTest::newRow("ok missing resolves") << R"({"value":"light"})"
-                                             << R"({"ok":true,"value":"light"})";
-        QTest::newRow("ok not exactly false resolves") << R"({"ok":0,"value":5})"
-                                                       << R"({"ok":true,"value":5})";
-        QTest::newRow("failure") << R"({"ok":false,"error":{"code":"X_FAILED","message":"boom"}})"
-                                 << R"({"ok":false,"message":"boom","code":"X_FAILED"})";
-        QTest::newRow("failure without message")
-            << R"({"ok":false,"error":{"code":"X_FAILED"}})"
-            << R"({"ok":false,"message":"VANTRO_SIGN_BRIDGE_ERROR","code":"X_FAILED"})";
-        QTest::newRow("failure without error")
-            << R"({"ok":false})"
-            << R"({"ok":false,"message":"VANTRO_SIGN_BRIDGE_ERROR","code":null})";
+        const QString a = postedBy("window.__a = vantroSign.getTheme()").value("id").toString();
+        const QString b = postedBy("window.__b = vantroSign.getTheme()").value("id").toString();
+        for (const QString& answer :
+             {R"({"id":")" + a + R"(","result":{"value":"unmarked"}})",
+              R"({"vantroSignBridgeResult":true,"id":")" + a + R"(","result":{"value":"light"}})",
+              R"({"vantroSignBridgeResult":true,"id":")" + b +
+                  R"(","result":{"ok":false,"error":{"code":"X_FAILED","message":"boom"}}})"})
+            m_app.host()->postWebMessageAsJson(answer.toUtf8());
+        QCOMPARE(page().await("__a"), (QJsonObject{{"ok", true}, {"value", "light"}}));
+        QCOMPARE(page().await("__b"),
+                 (QJsonObject{{"ok", false}, {"message", "boom"}, {"code", "X_FAILED"}}));
     }
 
-    // Answers for other ids or without the answer marker leave the promise pending; the one
-    // matching answer settles it.
-    void settlesOnlyItsOwnAnswer()
-    {
-        QFETCH(QString, result);
-        QFETCH(QString, outcome);
-        const QJsonObject call = postedBy(QStringLiteral("window.__call = vantroSign.getTheme()"));
-        QVERIFY(call.contains("id"));
-        const QString id = js(call.value("id").toString());
-        page().eval(QStringLiteral("window.__settled = false; window.__call.then(function () {"
-                                   " window.__settled = true; }, function () {"
-                                   " window.__settled = true; }); 0"));
-        for (const QString& other :
-             {QStringLiteral(R"({"vantroSignBridgeResult":true,"id":"vantro-other","result":{}})"),
-              QStringLiteral(R"({"id":%1,"result":{}})").arg(id),
-              QStringLiteral(R"({"vantroSignBridgeResult":false,"id":%1,"result":{}})").arg(id)})
-            m_app.host()->postWebMessageAsJson(other.toUtf8());
-        QVERIFY(page().settle());
-        QCOMPARE(page().eval(QStringLiteral("window.__settled")).toBool(), false);
-
-        m_app.host()->postWebMessageAsJson(
-            QStringLiteral(R"({"vantroSignBridgeResult":true,"id":%1,"result":%2})")
-                .arg(id, result)
-                .toUtf8());
-        QCOMPARE(page().await(QStringLiteral("window.__call")), parseJson(outcome).toObject());
-    }
-
-    // A second run keeps the installed objects; without the guard the same text would install
-    // afresh.
+    // A second run keeps the installed objects; without the guard the same text reinstalls.
     void secondRunInSameDocumentDoesNothing()
     {
         const QString source =
             pagescripts::pageApiSource(m_app.window()->apiClient()->webAppOrigin());
-        QVERIFY(!source.isEmpty());
-        page().eval(QStringLiteral("window.vantroSign.__marker = 42; %1; 0").arg(source));
-        QCOMPARE(page().eval(QStringLiteral("window.vantroSign.__marker")).toInt(), 42);
-        page().eval(
-            QStringLiteral("delete window.__vantroStage2ABridgeInstalled; %1; 0").arg(source));
-        QCOMPARE(page().eval(QStringLiteral("typeof window.vantroSign.__marker")).toString(),
-                 QStringLiteral("undefined"));
+        page().eval("vantroSign.__marker = 42; " + source + "; 0");
+        QCOMPARE(page().eval("vantroSign.__marker").toInt(), 42);
+        page().eval("delete window.__vantroStage2ABridgeInstalled; " + source + "; 0");
+        QCOMPARE(page().eval("typeof vantroSign.__marker").toString(), "undefined");
     }
 
     void ltMessage_data()
     {
-        QTest::addColumn<QString>("error"); // a JavaScript expression
         QTest::addColumn<QString>("text");
-        const auto row = [](const char* name, const char* message, const QString& text) {
-            QTest::newRow(name) << QStringLiteral("new Error(%1)").arg(js(message)) << text;
-        };
-        const QString unavailable = "Vantro Sign USB/eID modulis šiame diegime nepasiekiamas.";
-        const QString mcard =
-            "Nepavyko įkelti LT ID kortelės MaskTech/mCard komponento. Įdiekite MaskTech kortelės "
-            "programinę įrangą, atjunkite ir vėl prijunkite kortelę, tada bandykite dar kartą.";
-        const QString noCertificates =
-            "Kortelė aptikta, bet pasirašymo sertifikatai nepasiekiami. Jei naudojate Lietuvos "
-            "MaskTech ID kortelę, užregistruokite ją mCard įrankiuose ir prijunkite iš naujo.";
-        const QString notPresent =
-            "Kortelė arba USB raktas neaptiktas. Prijunkite priemonę ir bandykite dar kartą.";
-        const QString removed =
-            "Kortelė arba USB raktas buvo atjungtas. Prijunkite priemonę ir bandykite dar kartą.";
-        const QString signTimeout =
-            "USB/eID PIN pasirašymo veiksmas negrįžo laiku. Patikrinkite, ar PIN langas nėra "
-            "pasislėpęs už kitų langų, ir bandykite dar kartą.";
-        const QString timeout = "Pasirašymo programa neatsako. Bandykite dar kartą.";
-        const QString fallback = "USB/eID kortelės veiksmas nepavyko. Patikrinkite kortelę arba "
-                                 "USB raktą ir bandykite dar kartą.";
-
-        row("helper unavailable", "VANTRO_USB_HELPER_UNAVAILABLE: gone", unavailable);
-        row("helper unavailable before origin",
-            "ERR_VANTRO_ORIGIN_FORBIDDEN VANTRO_USB_HELPER_UNAVAILABLE", unavailable);
-        row("origin forbidden", "ERR_VANTRO_ORIGIN_FORBIDDEN: rejected",
-            "Vantro Sign USB/eID modulis atmetė pasirašymo užklausą. Įdiekite naujausią Vantro "
-            "Sign versiją ir bandykite dar kartą.");
-        row("mcard library in capitals", "cannot load C:\\X\\MCARD-PKCS11.DLL", mcard);
-        row("mcard windows folder", "C:\\Tools\\MCard\\x.dll", mcard);
-        row("mcard unix folder", "/usr/lib/mcard/libx.so", mcard);
-        row("mcard before cancel", "ERR_WEBEID_USER_CANCELLED /opt/mcard/x", mcard);
-        row("cancelled with card change", "ERR_WEBEID_USER_CANCELLED SMART_CARD_CHANGE_REQUIRED",
-            noCertificates);
-        row("cancelled with user cancelled in any case",
-            "ERR_WEBEID_USER_CANCELLED: USER Cancelled", noCertificates);
-        row("cancelled", "ERR_WEBEID_USER_CANCELLED",
-            "USB/eID veiksmas atšauktas. Bandykite dar kartą.");
-        row("card change", "SMART_CARD_CHANGE_REQUIRED",
-            "Kortelė arba USB raktas neparuoštas pasirašymui. Jei naudojate Lietuvos MaskTech ID "
-            "kortelę, užregistruokite ją mCard įrankiuose ir prijunkite iš naujo.");
-        row("token not present", "PKCS11_TOKEN_NOT_PRESENT", notPresent);
-        row("no card text in any case", "No Card Or Token Detected", notPresent);
-        row("token removed", "PKCS11_TOKEN_REMOVED", removed);
-        row("was removed text", "The token WAS REMOVED", removed);
-        row("certificate timeout", "VANTRO_USB_HELPER_TIMEOUT_get-signing-certificate",
-            "USB/eID sertifikato skaitymas užstrigo. Patikrinkite, ar PIN langas nėra "
-            "pasislėpęs už kitų langų, ar kortelė/tokenas prijungtas, ir bandykite dar kartą.");
-        row("sign timeout", "VANTRO_USB_HELPER_TIMEOUT_sign", signTimeout);
-        row("batch sign timeout", "VANTRO_USB_HELPER_TIMEOUT_sign-batch", signTimeout);
-        row("other helper timeout", "VANTRO_USB_HELPER_TIMEOUT_diagnose",
-            "Vantro Sign USB/eID modulis neatsakė laiku.");
-        row("middleware missing", "ERR_VANTRO_MIDDLEWARE_MISSING",
-            "Nerasta reikiama kortelės tvarkyklė. Įdiekite kortelės ar USB rakto gamintojo "
-            "programinę įrangą.");
-        row("no signing certificate", "ERR_VANTRO_NO_SIGNING_CERTIFICATE",
-            "Kortelėje nerastas pasirašymo sertifikatas.");
-        row("no authentication certificate", "ERR_VANTRO_NO_AUTHENTICATION_CERTIFICATE",
-            "Kortelėje nerastas prisijungimo sertifikatas.");
-        row("card unsupported", "ERR_VANTRO_CARD_UNSUPPORTED",
-            "Kortelė aptikta, bet Vantro Sign jos dar nepalaiko.");
-        row("host timeout", "ERR_VANTRO_TIMEOUT", timeout);
-        row("codes compare case-sensitively", "err_vantro_timeout", fallback);
-        row("unknown", "something else", fallback);
-        QTest::newRow("plain text value") << QStringLiteral("'PKCS11_TOKEN_REMOVED'") << removed;
-        QTest::newRow("object with message")
-            << QStringLiteral("({message: 'ERR_VANTRO_TIMEOUT'})") << timeout;
-        QTest::newRow("nothing") << QStringLiteral("undefined") << fallback;
+        for (const auto& [error, text] : kLtMessages)
+            QTest::newRow(error) << QString::fromUtf8(text);
     }
 
     void ltMessage()
     {
-        QFETCH(QString, error);
         QFETCH(QString, text);
-        QCOMPARE(page().eval(QStringLiteral("vantroUsbBridge.ltMessage(%1)").arg(error)).toString(),
-                 text);
+        const QString error = QString::fromUtf8(QTest::currentDataTag());
+        QCOMPARE(page().eval("vantroUsbBridge.ltMessage(" + error + ")").toString(), text);
     }
 };
 

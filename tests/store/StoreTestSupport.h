@@ -17,6 +17,7 @@
 #include <memory>
 
 namespace storetest {
+using namespace vantro;
 
 // A second, independent connection to a database file: builds old schema versions, changes
 // rows behind the store's back and checks what the store wrote.
@@ -24,12 +25,11 @@ class RawDatabase
 {
 public:
     explicit RawDatabase(const QString& file)
-        : m_name(QStringLiteral("raw-") + QUuid::createUuid().toString(QUuid::WithoutBraces))
+        : m_name(QUuid::createUuid().toString())
     {
+        QDir().mkpath(QFileInfo(file).absolutePath());
         QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), m_name);
         db.setDatabaseName(file);
-        db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=5000"));
-        QDir().mkpath(QFileInfo(file).absolutePath());
         if (!db.open())
             qFatal("cannot open %s", qPrintable(file));
     }
@@ -38,44 +38,36 @@ public:
         QSqlDatabase::database(m_name, false).close();
         QSqlDatabase::removeDatabase(m_name);
     }
-
-    // Statements separated by ";", except a trigger, whose body holds ";" and runs as one.
-    bool exec(const QString& script, const QVariantList& values = {})
+    // Runs the ";"-separated statements, each bound to `values`, and answers the first column
+    // of the last one's rows as text. A failing statement ends the test program.
+    QStringList run(const QString& script, const QVariantList& values = {}) const
     {
-        const bool whole = script.contains(QLatin1String("CREATE TRIGGER"));
-        for (const QString& piece : whole ? QStringList{script} : script.split(QLatin1Char(';'))) {
-            if (!piece.trimmed().isEmpty() && !run(piece.trimmed(), values).isActive())
-                return false;
+        QStringList rows;
+        for (const QString& sql : script.split(QLatin1Char(';'), Qt::SkipEmptyParts)) {
+            QSqlQuery query(QSqlDatabase::database(m_name, false));
+            query.prepare(sql);
+            for (int i = 0; i < values.size(); ++i)
+                query.bindValue(i, values.at(i));
+            if (sql.trimmed().isEmpty())
+                continue;
+            if (!query.exec())
+                qFatal("%s: %s", qPrintable(sql), qPrintable(query.lastError().text()));
+            for (rows.clear(); query.next();)
+                rows.append(query.value(0).toString());
         }
-        return true;
+        return rows;
     }
-    // First column of every row, as text.
-    QStringList column(const QString& sql, const QVariantList& values = {}) const
-    {
-        QSqlQuery query = run(sql, values);
-        QStringList result;
-        while (query.next())
-            result.append(query.value(0).toString());
-        return result;
-    }
-    QString scalar(const QString& sql) const { return column(sql).value(0); }
-    int count(const QString& table) const
-    {
-        return scalar("SELECT COUNT(*) FROM " + table).toInt();
-    }
-    int userVersion() const { return scalar(QStringLiteral("PRAGMA user_version")).toInt(); }
-
-private:
-    QSqlQuery run(const QString& sql, const QVariantList& values) const
+    // One statement that may itself contain ";" (a trigger body).
+    void execute(const QString& sql) const
     {
         QSqlQuery query(QSqlDatabase::database(m_name, false));
-        query.prepare(sql);
-        for (int i = 0; i < values.size(); ++i)
-            query.bindValue(i, values.at(i));
-        if (!query.exec())
-            qWarning() << "raw statement failed:" << sql << query.lastError().text();
-        return query;
+        if (!query.exec(sql))
+            qFatal("%s: %s", qPrintable(sql), qPrintable(query.lastError().text()));
     }
+    QString scalar(const QString& sql) const { return run(sql).value(0); }
+    int count(const QString& from) const { return scalar("SELECT COUNT(*) FROM " + from).toInt(); }
+
+private:
     QString m_name;
 };
 
@@ -84,45 +76,35 @@ class StoreFixture
 {
 public:
     StoreFixture() { m_state.setLocalRoot(root()); }
-
     QString path(const QString& relative) const { return m_dir.filePath(relative); }
     QString dbPath() const { return path(QStringLiteral("data/local.db")); }
     QString root() const { return path(QStringLiteral("root")); }
     QString inRoot(const QString& relative) const { return root() + QLatin1Char('/') + relative; }
-    vantro::AppState* state() { return &m_state; }
-    std::unique_ptr<vantro::LocalStore> makeStore()
+    AppState* state() { return &m_state; }
+    std::unique_ptr<LocalStore> makeStore()
     {
-        return std::make_unique<vantro::LocalStore>(&m_state, dbPath());
+        return std::make_unique<LocalStore>(&m_state, dbPath());
     }
-
-    // Writes `size` bytes starting with `head`; large files are sparse so limits stay fast.
-    QString writeFile(const QString& relative, qint64 size = 16,
-                      const QByteArray& head = QByteArrayLiteral("%PDF-1.4\n")) const
+    // Writes `size` bytes starting with a PDF header; large files are sparse so limits stay fast.
+    QString writeFile(const QString& relative, qint64 size = 16) const
     {
         const QString file = path(relative);
         QDir().mkpath(QFileInfo(file).absolutePath());
         QFile out(file);
         if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate))
             return {};
-        out.write(head.left(size));
+        out.write(QByteArrayLiteral("%PDF-1.4\n").left(size));
         return out.resize(size) ? file : QString();
     }
 
 private:
     QTemporaryDir m_dir;
-    vantro::AppState m_state{m_dir.filePath(QStringLiteral("device.json"))};
+    AppState m_state{m_dir.filePath(QStringLiteral("device.json"))};
 };
 
-inline vantro::LocalFileDescriptor fileNamed(const QString& name)
+inline LocalFileDescriptor fileNamed(const QString& name)
 {
-    return {QStringLiteral("/root/") + name,  name, name,
-            name.section('.', 0, 0),          1234, QString(64, QLatin1Char('c')),
-            QStringLiteral("application/pdf")};
-}
-
-inline QString str(const QJsonObject& object, const char* key)
-{
-    return object.value(QLatin1String(key)).toString();
+    return {"/root/" + name, name, name, name.section('.', 0, 0), 1234, "c", "application/pdf"};
 }
 
 // Values of the space-separated keys joined by "|"; "~" marks an absent key.
@@ -138,23 +120,19 @@ inline QStringList column(const QJsonArray& rows, const char* key = "id")
 {
     QStringList result;
     for (const QJsonValue& row : rows)
-        result << str(row.toObject(), key);
+        result << fields(row.toObject(), key);
     return result;
 }
 
-// The text of the VantroError `call` threw, or "" when it did not throw.
-inline QString errorOf(const std::function<void()>& call)
+// The error code of the VantroError `call` threw, or "" when it did not throw.
+inline QString codeOf(const std::function<void()>& call)
 {
     try {
         call();
-    } catch (const vantro::VantroError& error) {
-        return error.text();
+    } catch (const VantroError& error) {
+        return splitErrorText(error.text(), QString()).code;
     }
     return {};
-}
-inline QString codeOf(const std::function<void()>& call)
-{
-    return vantro::splitErrorText(errorOf(call), QString()).code;
 }
 
 } // namespace storetest

@@ -13,45 +13,36 @@ class PageScriptsTest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
-    void fillsTheApplicationOrigin_data()
-    {
-        QTest::addColumn<QString>("origin");
-        QTest::addColumn<QString>("literal");
-        QTest::newRow("local origin") << "http://127.0.0.1:8000"
-                                      << "\"http://127.0.0.1:8000\"";
-        QTest::newRow("none means production")
-            << QString() << QStringLiteral("\"%1\"").arg(endpoints::productionOrigin());
-        QTest::newRow("quote and backslash escaped") << "http://a\"b\\c"
-                                                     << "\"http://a\\\"b\\\\c\"";
-        QTest::newRow("placeholder-like text is not filled again") << "http://x/%2%3"
-                                                                   << "\"http://x/%2%3\"";
-    }
-
     void fillsTheApplicationOrigin()
     {
-        QFETCH(QString, origin);
-        QFETCH(QString, literal);
-        const QString source = pagescripts::pageApiSource(origin);
-        QVERIFY(source.contains(QStringLiteral("var APP_ORIGIN = %1;\n").arg(literal)));
-        QVERIFY(source.contains(QStringLiteral("var VERSION = '0.2.0-stage2a';\n")));
-        QVERIFY(
-            source.contains(QStringLiteral("var ALLOWED_ORIGINS = [\"%1\", \"%2\", "
-                                           "'http://localhost:8000', 'http://127.0.0.1:8000', "
-                                           "APP_ORIGIN];\n")
-                                .arg(endpoints::productionOrigin(), endpoints::portalOrigin())));
-        static const QRegularExpression placeholder(QStringLiteral("%[0-9]"));
-        QCOMPARE(source.count(placeholder), origin.count(placeholder));
+        const QString production = endpoints::productionOrigin();
+        const QString allowed = QStringLiteral("var ALLOWED_ORIGINS = [\"%1\", \"%2\", "
+                                               "'http://localhost:8000', 'http://127.0.0.1:8000', "
+                                               "APP_ORIGIN];\n")
+                                    .arg(production, endpoints::portalOrigin());
+        static const QRegularExpression placeholder("%[0-9]");
+        // An origin and its literal in the script; none means production.
+        const QString origins[][2] = {{"http://127.0.0.1:8000", "\"http://127.0.0.1:8000\""},
+                                      {QString(), '"' + production + '"'},
+                                      {"http://a\"b\\c", "\"http://a\\\"b\\\\c\""},
+                                      {"http://x/%2%3", "\"http://x/%2%3\""}};
+        for (const auto& [origin, literal] : origins) {
+            const QString source = pagescripts::pageApiSource(origin);
+            QVERIFY2(source.contains("var APP_ORIGIN = " + literal + ";\n"), qPrintable(literal));
+            QVERIFY(source.contains("var VERSION = '0.2.0-stage2a';\n"));
+            QVERIFY(source.contains(allowed));
+            QCOMPARE(source.count(placeholder), origin.count(placeholder));
+        }
     }
 
     // Frames never get the channel, so the scripts stay out of them.
     void scriptsRunAtDocumentCreationInTheMainFrameOnly()
     {
-        const QWebEngineScript script =
-            pagescripts::documentScript(QStringLiteral("name"), QStringLiteral("1;"));
-        QCOMPARE(script.sourceCode(), QStringLiteral("1;"));
+        const QWebEngineScript script = pagescripts::documentScript("name", "1;");
+        QCOMPARE(script.sourceCode(), "1;");
         QCOMPARE(script.injectionPoint(), QWebEngineScript::DocumentCreation);
         QCOMPARE(script.worldId(), quint32(QWebEngineScript::MainWorld));
-        QCOMPARE(script.runsOnSubFrames(), false);
+        QVERIFY(!script.runsOnSubFrames());
     }
 };
 
