@@ -113,8 +113,7 @@ bool isAllowedBaseUrl(const QString& candidate)
 
 QString configuredBaseUrl()
 {
-    const QString base = allowedBase(fromEnvironment("VANTRO_SIGN_BASE_URL"));
-    return base.isEmpty() ? productionOrigin() : base;
+    return baseOrProduction(allowedBase(fromEnvironment("VANTRO_SIGN_BASE_URL")));
 }
 
 QString resolveBaseUrl(const QString& candidate)

@@ -170,12 +170,6 @@ QByteArray toCompactJson(const QVariant& value)
     return out;
 }
 
-QJsonValue toJsonValue(const QVariant& value)
-{
-    const QByteArray wrapped = "[" + toCompactJson(value) + "]";
-    return QJsonDocument::fromJson(wrapped).array().at(0);
-}
-
 QVariant variantMember(const QVariant& object, const QString& key)
 {
     if (object.userType() == qMetaTypeId<OrderedObject>())

@@ -42,9 +42,6 @@ private:
 // and QVariantHash (sorted keys), lists, QStringList, QJsonValue/Object/Array and scalars.
 QByteArray toCompactJson(const QVariant& value);
 
-// Converts a variant tree to QJsonValue (ordered objects lose their order here).
-QJsonValue toJsonValue(const QVariant& value);
-
 // Reads an object key from either an OrderedObject or a map held in a variant.
 QVariant variantMember(const QVariant& object, const QString& key);
 

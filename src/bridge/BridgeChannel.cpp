@@ -2,7 +2,6 @@
 
 #include "api/SignApiClient.h"
 #include "app/AppState.h"
-#include "app/Errors.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeLogging.h"
 #include "bridge/DesktopBridge.h"
@@ -26,23 +25,13 @@ const QString kReconcileMethod = QStringLiteral("sign:reconcileLocalRoot");
 OrderedObject runOnWorker(const WorkerFactory& factory, const QString& method,
                           const QVariantList& args, const QString& sourceUri)
 {
-    try {
+    return DesktopBridge::guarded(method, [&] {
         std::unique_ptr<WorkerComponents> components = factory ? factory() : nullptr;
         if (!components || !components->bridge)
             return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"),
                                         QStringLiteral("Worker components are unavailable."));
         return components->bridge->handle(method, args, sourceUri);
-    } catch (const std::exception& failure) {
-        // Building the components failed before the bridge could catch anything.
-        const ErrorParts parts = splitErrorText(QString::fromUtf8(failure.what()));
-        qCWarning(lcBridge).noquote()
-            << "worker set-up for" << method << "failed:" << parts.message;
-        return DesktopBridge::error(parts.code, parts.message);
-    } catch (...) {
-        qCWarning(lcBridge).noquote() << "worker set-up for" << method << "failed";
-        return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"),
-                                    QStringLiteral("Unexpected failure in %1.").arg(method));
-    }
+    });
 }
 
 // The page names each reveal with a text id; anything else cannot be cancelled later.
@@ -59,13 +48,8 @@ bool isOkResult(const OrderedObject& result)
 
 } // namespace
 
-WorkerComponents::~WorkerComponents()
-{
-    // The bridge and its store refer to the client and the state: release it first.
-    bridge.reset();
-    api.reset();
-    state.reset();
-}
+// Members go in reverse order: the bridge and its store before the client and the state.
+WorkerComponents::~WorkerComponents() = default;
 
 WorkerFactory defaultWorkerFactory(const QString& deviceJsonPath)
 {

@@ -31,6 +31,18 @@ struct BridgeMethod
     unsigned needs;
 };
 
+// A row that calls `handler` once the parts in `needs` are present.
+inline BridgeMethod methodRow(const char* name, BridgeHandler handler, unsigned needs = NeedsState)
+{
+    return {name, handler, nullptr, needs};
+}
+
+// A row whose `component` is not part of this build yet.
+inline BridgeMethod pendingRow(const char* name, const char* component)
+{
+    return {name, nullptr, component, NeedsNothing};
+}
+
 struct DispatchTable
 {
     const char* unavailableCode;

@@ -130,28 +130,6 @@ OrderedObject busyError(const QString& method)
     return DesktopBridge::error(code, QString::fromLatin1(kBusyMessage));
 }
 
-OrderedObject errorFromText(const QString& text)
-{
-    const ErrorParts parts = splitErrorText(text);
-    return DesktopBridge::error(parts.code, parts.message);
-}
-
-// Handlers fail by throwing "CODE: message"; every escape becomes an error result here.
-template <typename Run> OrderedObject catchingFailures(const QString& method, Run run)
-{
-    try {
-        return run();
-    } catch (const std::exception& failure) {
-        const QString text = QString::fromUtf8(failure.what());
-        qCWarning(lcBridge).noquote() << method << "failed:" << text;
-        return errorFromText(text);
-    } catch (...) {
-        qCWarning(lcBridge).noquote() << method << "failed with an unknown exception";
-        return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"),
-                                    QStringLiteral("Unexpected failure in %1.").arg(method));
-    }
-}
-
 // The mirror counts of the helper-runtime object. A status query must still answer when the
 // database cannot be read, so a failure reads as zero counts.
 QPair<int, int> mirrorCountsOf(LocalStore* store)
@@ -181,7 +159,7 @@ DesktopBridge::~DesktopBridge() = default;
 OrderedObject DesktopBridge::handle(const QString& method, const QVariantList& args,
                                     const QString& sourceUri)
 {
-    return catchingFailures(method, [&] {
+    return guarded(method, [&] {
         if (!m_api || !m_api->isAllowedOrigin(QUrl(sourceUri, QUrl::TolerantMode))) {
             qCInfo(lcBridge).noquote() << "rejected" << method << "from" << sourceUri;
             return error(QStringLiteral("ERR_VANTRO_ORIGIN_FORBIDDEN"),
@@ -271,23 +249,29 @@ OrderedObject DesktopBridge::buildHelperRuntime()
     };
 }
 
+OrderedObject DesktopBridge::guarded(const QString& method,
+                                     const std::function<OrderedObject()>& run)
+{
+    try {
+        return run();
+    } catch (const std::exception& failure) {
+        const ErrorParts parts = splitErrorText(QString::fromUtf8(failure.what()));
+        qCWarning(lcBridge).noquote() << method << "failed:" << parts.message;
+        return error(parts.code, parts.message);
+    } catch (...) {
+        qCWarning(lcBridge).noquote() << method << "failed with an unknown exception";
+        return error(QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"),
+                     QStringLiteral("Unexpected failure in %1.").arg(method));
+    }
+}
+
 OrderedObject DesktopBridge::route(const QString& method, const QVariantList& args)
 {
     if (method.startsWith(QLatin1String("sign:")))
-        return dispatchSign(method, args);
+        return dispatchMethod(signMethodTable(), *this, method, args);
     if (method.startsWith(QLatin1String("usb:")))
-        return dispatchUsb(method, args);
+        return dispatchMethod(usbMethodTable(), *this, method, args);
     return error(QStringLiteral("VANTRO_SIGN_BRIDGE_METHOD_UNKNOWN"), method);
-}
-
-OrderedObject DesktopBridge::dispatchSign(const QString& method, const QVariantList& args)
-{
-    return dispatchMethod(signMethodTable(), *this, method, args);
-}
-
-OrderedObject DesktopBridge::dispatchUsb(const QString& method, const QVariantList& args)
-{
-    return dispatchMethod(usbMethodTable(), *this, method, args);
 }
 
 } // namespace vantro

@@ -8,6 +8,8 @@
 #include <QString>
 #include <QVariantList>
 
+#include <functional>
+
 namespace vantro {
 
 class AppState;
@@ -30,6 +32,9 @@ public:
     static OrderedObject ok(const QVariant& value = {});
     static OrderedObject error(const QString& code, const QString& message);
 
+    // Runs `run`; a handler's failure, thrown as "CODE: message", becomes an error result.
+    static OrderedObject guarded(const QString& method, const std::function<OrderedObject()>& run);
+
     static bool isAsynchronous(const QString& method);
     static bool isExclusive(const QString& method);
 
@@ -50,8 +55,6 @@ public:
 private:
     OrderedObject buildHelperRuntime();
     OrderedObject route(const QString& method, const QVariantList& args);
-    OrderedObject dispatchSign(const QString& method, const QVariantList& args);
-    OrderedObject dispatchUsb(const QString& method, const QVariantList& args);
 
     AppState* m_state = nullptr;
     SignApiClient* m_api = nullptr;

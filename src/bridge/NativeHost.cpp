@@ -18,11 +18,6 @@ QString nativeHostFileName()
     return QStringLiteral("vantro-sign-native-host") + QLatin1String(kExecutableSuffix);
 }
 
-QString middlewareCliFileName()
-{
-    return QStringLiteral("vantro-sign-mw-cli") + QLatin1String(kExecutableSuffix);
-}
-
 QStringList helperCandidates(const QString& applicationDir, const QString& fileName)
 {
     const QDir dir(applicationDir);

@@ -5,9 +5,8 @@
 
 namespace vantro {
 
-// File names of the helper programs on this platform.
+// File name of the card host program on this platform.
 QString nativeHostFileName();
-QString middlewareCliFileName();
 
 // Where a helper program may be installed relative to the application's directory, in search
 // order: beside it, in "mw/", in "../mw/", and in the parent directory.

@@ -7,6 +7,7 @@
 #include "bridge/DesktopBridge.h"
 #include "bridge/DesktopShell.h"
 #include "store/LocalStore.h"
+#include "store/RootRules.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -21,15 +22,6 @@ using bridgeargs::stringAt;
 
 constexpr char kLocalRootDialogTitle[] = "Vantro Sign folder";
 constexpr char kPickFilesTitle[] = "Pasirinkite dokumentus";
-constexpr char kPickFilesFilter[] = "Vantro Sign documents (*.pdf *.doc *.docx *.odt *.xls *.xlsx "
-                                    "*.txt *.png *.jpg *.jpeg *.adoc *.asice)";
-
-// Windows file systems compare names without case; a root spelt differently is the same root.
-#ifdef Q_OS_WIN
-constexpr Qt::CaseSensitivity kPathCase = Qt::CaseInsensitive;
-#else
-constexpr Qt::CaseSensitivity kPathCase = Qt::CaseSensitive;
-#endif
 
 // Components that are not part of this build yet; their rows answer "<name> is not available".
 constexpr char kReconcile[] = "Local root reconciliation";
@@ -53,14 +45,12 @@ void requireSaved(const AppState& state, bool saved)
         fail(QStringLiteral("VANTRO_SIGN_SETTINGS_NOT_SAVED"), state.lastError());
 }
 
-bool isInside(const QString& root, const QString& path)
+QString pickFilesFilter()
 {
-    if (root.isEmpty() || path.isEmpty())
-        return false;
-    if (path.compare(root, kPathCase) == 0)
-        return true;
-    const QString prefix = root.endsWith(QLatin1Char('/')) ? root : root + QLatin1Char('/');
-    return path.startsWith(prefix, kPathCase);
+    QStringList patterns;
+    for (const QString& suffix : rootrules::supportedDocumentSuffixes())
+        patterns << QStringLiteral("*.") + suffix;
+    return QStringLiteral("Vantro Sign documents (%1)").arg(patterns.join(QLatin1Char(' ')));
 }
 
 OrderedObject openFolder(DesktopBridge& bridge, const QString& path)
@@ -139,9 +129,8 @@ OrderedObject setLocalRoot(DesktopBridge& bridge, const QVariantList&)
 
 OrderedObject pickFiles(DesktopBridge& bridge, const QVariantList&)
 {
-    const QStringList files = bridge.desktopShell()->pickFiles(QString::fromUtf8(kPickFilesTitle),
-                                                               bridge.state()->localRoot(),
-                                                               QString::fromUtf8(kPickFilesFilter));
+    const QStringList files = bridge.desktopShell()->pickFiles(
+        QString::fromUtf8(kPickFilesTitle), bridge.state()->localRoot(), pickFilesFilter());
     // A cancelled dialog is an import of no files, which the import refuses with its own code.
     return DesktopBridge::ok(bridge.localStore()->importFiles(files).toVariantList());
 }
@@ -162,7 +151,7 @@ OrderedObject openLocalRoot(DesktopBridge& bridge, const QVariantList&)
     if (!state.ensureLocalRoot())
         return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_LOCAL_ROOT_MISSING"),
                                     QStringLiteral("Vietinio aplanko sukurti nepavyko."));
-    return openFolder(bridge, QDir::cleanPath(QDir(state.localRoot()).absolutePath()));
+    return openFolder(bridge, bridge.localStore()->localRoot());
 }
 
 OrderedObject outsideRoot()
@@ -174,17 +163,17 @@ OrderedObject outsideRoot()
 
 OrderedObject openLocalFolder(DesktopBridge& bridge, const QVariantList& args)
 {
-    const QString root = QDir::cleanPath(QDir(bridge.state()->localRoot()).absolutePath());
+    const QString root = bridge.localStore()->localRoot();
     const QString relative = QDir::fromNativeSeparators(stringAt(args, 0).trimmed());
     const QString target = QDir::cleanPath(QDir(root).absoluteFilePath(relative));
-    if (!isInside(root, target))
+    if (!rootrules::isSameOrInside(root, target))
         return outsideRoot();
     const QFileInfo info(target);
     if (!info.isDir())
         return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_LOCAL_FOLDER_MISSING"),
                                     QStringLiteral("Vietinio aplanko atidaryti nepavyko."));
     // A link inside the root may still lead out of it.
-    if (!isInside(QFileInfo(root).canonicalFilePath(), info.canonicalFilePath()))
+    if (!rootrules::isSameOrInside(QFileInfo(root).canonicalFilePath(), info.canonicalFilePath()))
         return outsideRoot();
     return openFolder(bridge, target);
 }
@@ -195,16 +184,6 @@ OrderedObject activate(DesktopBridge&, const QVariantList&)
                                 QStringLiteral("Use the native activation screen in this build."));
 }
 
-BridgeMethod row(const char* name, BridgeHandler handler, unsigned needs = NeedsState)
-{
-    return {name, handler, nullptr, needs};
-}
-
-BridgeMethod pending(const char* name, const char* component)
-{
-    return {name, nullptr, component, NeedsNothing};
-}
-
 } // namespace
 
 const DispatchTable& signMethodTable()
@@ -213,52 +192,52 @@ const DispatchTable& signMethodTable()
     static const DispatchTable table{
         "VANTRO_SIGN_COMPONENT_UNAVAILABLE",
         {
-            row("sign:getStatus", getStatus),
-            row("sign:getUpdateStatus", updateManagerUnavailable, NeedsNothing),
-            row("sign:checkForUpdates", updateManagerUnavailable, NeedsNothing),
-            row("sign:startUpdate", updateManagerUnavailable, NeedsNothing),
-            row("sign:cancelUpdate", updateManagerUnavailable, NeedsNothing),
-            row("sign:applyUpdate", updateManagerUnavailable, NeedsNothing),
-            row("sign:getTheme", getTheme),
-            row("sign:setTheme", setTheme),
-            row("sign:getLocalDeleteSettings", getLocalDeleteSettings),
-            row("sign:setLocalDeleteSettings", setLocalDeleteSettings),
-            row("sign:setQesVisualPosition", setQesVisualPosition),
-            row("sign:getLocalRoot", getLocalRoot),
-            row("sign:setLocalRoot", setLocalRoot, kDesktop),
-            row("sign:pickFiles", pickFiles, kDesktop),
-            pending("sign:reconcileLocalRoot", kReconcile),
-            row("sign:listDocuments", listDocuments),
-            row("sign:listJobs", listJobs),
-            pending("sign:deleteLocalDocument", kDeletion),
-            pending("sign:uploadLocalDocument", kUpload),
-            pending("sign:runPdfTool", kPdfTools),
-            pending("sign:listExternalInvitations", kInvitations),
-            pending("sign:createExternalInvitation", kInvitations),
-            pending("sign:cancelExternalInvitation", kInvitations),
-            pending("sign:remindExternalInvitation", kInvitations),
-            pending("sign:hashFile", kFileHandles),
-            pending("sign:queueUpload", kUpload),
-            pending("sign:mirrorArtifact", kMirrorQueue),
-            pending("sign:ensureLocalArtifactAndReveal", kArtifactReveal),
-            pending("sign:cancelArtifactReveal", kArtifactReveal),
-            pending("sign:getMirrorStatus", kMirrorQueue),
-            pending("sign:retryMirrorQueue", kMirrorQueue),
-            pending("sign:openServerDocument", kPreviews),
-            pending("sign:renderServerDocumentPreview", kPreviews),
-            pending("sign:warmServerDocumentPreview", kPreviews),
-            pending("sign:showNativePreview", kNativePreview),
-            pending("sign:closeNativePreview", kNativePreview),
-            row("sign:openLocalRoot", openLocalRoot, kDesktop),
-            row("sign:openLocalFolder", openLocalFolder, kDesktop),
-            pending("sign:openLocalArtifactFolder", kArtifacts),
-            pending("sign:getLocalArtifactStatus", kArtifacts),
-            pending("sign:removeLocalArtifact", kArtifacts),
-            pending("sign:removeLocalDocumentArtifacts", kArtifacts),
-            pending("sign:extractAdocFiles", kAdoc),
-            pending("sign:openLocalFile", kFileHandles),
-            pending("sign:revealLocalFile", kFileHandles),
-            row("sign:activate", activate, NeedsNothing),
+            methodRow("sign:getStatus", getStatus),
+            methodRow("sign:getUpdateStatus", updateManagerUnavailable, NeedsNothing),
+            methodRow("sign:checkForUpdates", updateManagerUnavailable, NeedsNothing),
+            methodRow("sign:startUpdate", updateManagerUnavailable, NeedsNothing),
+            methodRow("sign:cancelUpdate", updateManagerUnavailable, NeedsNothing),
+            methodRow("sign:applyUpdate", updateManagerUnavailable, NeedsNothing),
+            methodRow("sign:getTheme", getTheme),
+            methodRow("sign:setTheme", setTheme),
+            methodRow("sign:getLocalDeleteSettings", getLocalDeleteSettings),
+            methodRow("sign:setLocalDeleteSettings", setLocalDeleteSettings),
+            methodRow("sign:setQesVisualPosition", setQesVisualPosition),
+            methodRow("sign:getLocalRoot", getLocalRoot),
+            methodRow("sign:setLocalRoot", setLocalRoot, kDesktop),
+            methodRow("sign:pickFiles", pickFiles, kDesktop),
+            pendingRow("sign:reconcileLocalRoot", kReconcile),
+            methodRow("sign:listDocuments", listDocuments),
+            methodRow("sign:listJobs", listJobs),
+            pendingRow("sign:deleteLocalDocument", kDeletion),
+            pendingRow("sign:uploadLocalDocument", kUpload),
+            pendingRow("sign:runPdfTool", kPdfTools),
+            pendingRow("sign:listExternalInvitations", kInvitations),
+            pendingRow("sign:createExternalInvitation", kInvitations),
+            pendingRow("sign:cancelExternalInvitation", kInvitations),
+            pendingRow("sign:remindExternalInvitation", kInvitations),
+            pendingRow("sign:hashFile", kFileHandles),
+            pendingRow("sign:queueUpload", kUpload),
+            pendingRow("sign:mirrorArtifact", kMirrorQueue),
+            pendingRow("sign:ensureLocalArtifactAndReveal", kArtifactReveal),
+            pendingRow("sign:cancelArtifactReveal", kArtifactReveal),
+            pendingRow("sign:getMirrorStatus", kMirrorQueue),
+            pendingRow("sign:retryMirrorQueue", kMirrorQueue),
+            pendingRow("sign:openServerDocument", kPreviews),
+            pendingRow("sign:renderServerDocumentPreview", kPreviews),
+            pendingRow("sign:warmServerDocumentPreview", kPreviews),
+            pendingRow("sign:showNativePreview", kNativePreview),
+            pendingRow("sign:closeNativePreview", kNativePreview),
+            methodRow("sign:openLocalRoot", openLocalRoot, kDesktop),
+            methodRow("sign:openLocalFolder", openLocalFolder, kDesktop),
+            pendingRow("sign:openLocalArtifactFolder", kArtifacts),
+            pendingRow("sign:getLocalArtifactStatus", kArtifacts),
+            pendingRow("sign:removeLocalArtifact", kArtifacts),
+            pendingRow("sign:removeLocalDocumentArtifacts", kArtifacts),
+            pendingRow("sign:extractAdocFiles", kAdoc),
+            pendingRow("sign:openLocalFile", kFileHandles),
+            pendingRow("sign:revealLocalFile", kFileHandles),
+            methodRow("sign:activate", activate, NeedsNothing),
         }};
     return table;
 }

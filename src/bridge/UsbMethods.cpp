@@ -15,23 +15,18 @@ OrderedObject isAvailable(DesktopBridge& bridge, const QVariantList&)
     return DesktopBridge::ok(!bridge.locateHelperExecutable(nativeHostFileName()).isEmpty());
 }
 
-BridgeMethod pending(const char* name)
-{
-    return {name, nullptr, kUsbHelper, NeedsNothing};
-}
-
 } // namespace
 
 const DispatchTable& usbMethodTable()
 {
     static const DispatchTable table{"VANTRO_USB_HELPER_UNAVAILABLE",
                                      {
-                                         {"usb:isAvailable", isAvailable, nullptr, NeedsNothing},
-                                         pending("usb:diagnose"),
-                                         pending("usb:getSigningCertificate"),
-                                         pending("usb:sign"),
-                                         pending("usb:signBatch"),
-                                         pending("usb:authenticate"),
+                                         methodRow("usb:isAvailable", isAvailable, NeedsNothing),
+                                         pendingRow("usb:diagnose", kUsbHelper),
+                                         pendingRow("usb:getSigningCertificate", kUsbHelper),
+                                         pendingRow("usb:sign", kUsbHelper),
+                                         pendingRow("usb:signBatch", kUsbHelper),
+                                         pendingRow("usb:authenticate", kUsbHelper),
                                      }};
     return table;
 }

@@ -169,20 +169,6 @@ void LocalStore::openConnection()
     qCDebug(lcStore) << "Opened" << m_databaseFile << "as" << m_connectionName;
 }
 
-void LocalStore::runScript(const QString& script)
-{
-    const QSqlDatabase db = database();
-    const QStringList statements = script.split(QLatin1Char(';'), Qt::SkipEmptyParts);
-    for (const QString& piece : statements) {
-        const QString statement = piece.trimmed();
-        if (statement.isEmpty())
-            continue;
-        QSqlQuery query(db);
-        if (!query.exec(statement))
-            failWith(query.lastError());
-    }
-}
-
 QSqlQuery& LocalStore::prepared(const QString& sql)
 {
     auto& slot = m_queries->queries[sql];

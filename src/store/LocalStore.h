@@ -116,7 +116,6 @@ private:
     void openConnection();
     void runSchemaStep();
     void addMissingDocumentColumns();
-    void runScript(const QString& script);
 
     // Statements are prepared once per connection and reused; results are always fully read
     // and reset so that no statement keeps a read snapshot open.

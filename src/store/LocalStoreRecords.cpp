@@ -62,11 +62,12 @@ QJsonObject LocalStore::documentJsonFor(const QJsonObject& row)
 {
     if (row.isEmpty())
         return {};
-    const QList<QJsonObject> versions = selectRows(
-        QStringLiteral(
-            "SELECT * FROM local_versions WHERE document_id = ? ORDER BY created_at ASC"),
-        {row.value(QLatin1String("id")).toString()});
-    return records::documentJson(row, records::findCurrentVersion(row, versions));
+    // Only the current version is shown, so only it is read.
+    const QJsonObject current =
+        selectRow(QStringLiteral("SELECT * FROM local_versions WHERE id = ? AND document_id = ?"),
+                  {row.value(QLatin1String("current_version_id")).toString(),
+                   row.value(QLatin1String("id")).toString()});
+    return records::documentJson(row, current);
 }
 
 QJsonObject LocalStore::getDocument(const QString& documentId)

@@ -140,6 +140,17 @@ QSqlQuery execOnce(const QSqlDatabase& db, const QString& sql)
     return query;
 }
 
+// Runs a ";"-separated script statement by statement; user_version is each script's last
+// statement, so a failure leaves the version at the last completed step.
+void runScript(const QSqlDatabase& db, const char* script)
+{
+    for (const QString& piece : QString::fromLatin1(script).split(QLatin1Char(';'))) {
+        const QString statement = piece.trimmed();
+        if (!statement.isEmpty())
+            execOnce(db, statement);
+    }
+}
+
 } // namespace
 
 void LocalStore::runSchemaStep()
@@ -154,15 +165,15 @@ void LocalStore::runSchemaStep()
             version = query.value(0).toInt();
     }
     if (version < 1)
-        runScript(QString::fromLatin1(kVersion1));
+        runScript(db, kVersion1);
     if (version < 2)
-        runScript(QString::fromLatin1(kVersion2));
+        runScript(db, kVersion2);
     if (version < 4) {
         addMissingDocumentColumns();
-        runScript(QString::fromLatin1(kVersion4));
+        runScript(db, kVersion4);
     }
     if (version < 5)
-        runScript(QString::fromLatin1(kVersion5));
+        runScript(db, kVersion5);
     if (version < kSchemaVersion)
         qCInfo(lcStore) << "Migrated" << m_databaseFile << "from schema version" << version;
 }

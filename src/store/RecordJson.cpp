@@ -89,14 +89,4 @@ QJsonObject mirrorItemJson(QJsonObject row)
     return row;
 }
 
-QJsonObject findCurrentVersion(const QJsonObject& document, const QList<QJsonObject>& versions)
-{
-    const QJsonValue currentId = document.value(QLatin1String("current_version_id"));
-    for (const QJsonObject& version : versions) {
-        if (version.value(QLatin1String("id")) == currentId)
-            return version;
-    }
-    return {};
-}
-
 } // namespace vantro::records

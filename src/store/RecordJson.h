@@ -35,9 +35,6 @@ QJsonObject documentJson(QJsonObject row, QJsonObject currentVersion);
 QJsonObject jobJson(QJsonObject row);
 QJsonObject mirrorItemJson(QJsonObject row);
 
-// The row of `versions` that is the document's current version, or empty.
-QJsonObject findCurrentVersion(const QJsonObject& document, const QList<QJsonObject>& versions);
-
 template <typename Shape> QJsonArray shapedArray(const QList<QJsonObject>& rows, Shape shape)
 {
     QJsonArray array;

@@ -11,6 +11,13 @@ namespace vantro::rootrules {
 
 namespace {
 
+// Windows file systems compare names without case; a root spelt differently is the same root.
+#ifdef Q_OS_WIN
+constexpr Qt::CaseSensitivity kPathCase = Qt::CaseInsensitive;
+#else
+constexpr Qt::CaseSensitivity kPathCase = Qt::CaseSensitive;
+#endif
+
 bool isOneOf(const QString& value, std::initializer_list<const char*> choices)
 {
     for (const char* choice : choices) {
@@ -67,11 +74,29 @@ QString uniquePath(const QString& wantedPath)
     fail(QStringLiteral("VANTRO_SIGN_LOCAL_FILE_UNIQUE_PATH_EXHAUSTED"), wantedPath);
 }
 
+const QStringList& supportedDocumentSuffixes()
+{
+    static const QStringList suffixes{
+        QStringLiteral("pdf"),  QStringLiteral("doc"),  QStringLiteral("docx"),
+        QStringLiteral("odt"),  QStringLiteral("xls"),  QStringLiteral("xlsx"),
+        QStringLiteral("txt"),  QStringLiteral("png"),  QStringLiteral("jpg"),
+        QStringLiteral("jpeg"), QStringLiteral("adoc"), QStringLiteral("asice")};
+    return suffixes;
+}
+
 bool isSupportedDocumentType(const QString& path)
 {
-    return isOneOf(
-        QFileInfo(path).suffix().toLower(),
-        {"pdf", "doc", "docx", "odt", "xls", "xlsx", "txt", "png", "jpg", "jpeg", "adoc", "asice"});
+    return supportedDocumentSuffixes().contains(QFileInfo(path).suffix().toLower());
+}
+
+bool isSameOrInside(const QString& root, const QString& path)
+{
+    if (root.isEmpty() || path.isEmpty())
+        return false;
+    if (path.compare(root, kPathCase) == 0)
+        return true;
+    const QString prefix = root.endsWith(QLatin1Char('/')) ? root : root + QLatin1Char('/');
+    return path.startsWith(prefix, kPathCase);
 }
 
 bool isTemporarySuffix(const QString& suffix)

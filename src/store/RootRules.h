@@ -2,6 +2,7 @@
 
 #include <QDate>
 #include <QString>
+#include <QStringList>
 
 // Naming and layout rules of the local root, shared by import, reconciliation, deletion and the
 // signed-artifact mirror. Pure functions: the root and the settings they need are passed in.
@@ -33,7 +34,13 @@ QString titleFromFile(const QString& path);
 // dot). Throws VANTRO_SIGN_LOCAL_FILE_UNIQUE_PATH_EXHAUSTED when all are taken.
 QString uniquePath(const QString& wantedPath);
 
+// Lower-case suffixes of the document types import accepts, in the order pickers list them.
+const QStringList& supportedDocumentSuffixes();
 bool isSupportedDocumentType(const QString& path);
+
+// True when the cleaned absolute `path` is `root` itself or lies below it. Unlike
+// relativePathInRoot, a child whose name starts with ".." counts as inside.
+bool isSameOrInside(const QString& root, const QString& path);
 bool isTemporarySuffix(const QString& suffix);
 bool isSkippedDirectoryName(const QString& name);
 

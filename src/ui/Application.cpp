@@ -52,7 +52,6 @@ class PrimaryInstance
 {
 public:
     explicit PrimaryInstance(const StartOptions& options);
-    ~PrimaryInstance();
 
 private:
     void buildMenu();
@@ -76,15 +75,6 @@ PrimaryInstance::PrimaryInstance(const StartOptions& options)
     buildTray();
     watchCommands();
     presentWindow(options);
-}
-
-PrimaryInstance::~PrimaryInstance()
-{
-    m_timer.reset();
-    m_watcher.reset();
-    m_tray.reset();
-    m_menu.reset();
-    m_window.reset();
 }
 
 void PrimaryInstance::buildMenu()

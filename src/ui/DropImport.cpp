@@ -1,7 +1,6 @@
 #include "ui/DropImport.h"
 
 #include "app/AppState.h"
-#include "app/Errors.h"
 #include "store/LocalStore.h"
 #include "ui/Logging.h"
 
@@ -17,8 +16,6 @@ DropImportOutcome runDropImport(const QString& deviceJsonPath, const QStringList
         LocalStore store(&state);
         outcome.imported = store.importFiles(paths);
         outcome.ok = true;
-    } catch (const VantroError& error) {
-        outcome.error = error.text();
     } catch (const std::exception& error) {
         outcome.error = QString::fromUtf8(error.what());
     }
