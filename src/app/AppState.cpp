@@ -117,19 +117,17 @@ bool AppState::load()
         return reportError(file.errorString());
     QJsonParseError parse{};
     const QJsonDocument document = QJsonDocument::fromJson(file.readAll(), &parse);
-    if (parse.error != QJsonParseError::NoError)
+    // A valid document that is not an object is refused with the parser's own text as well.
+    if (parse.error != QJsonParseError::NoError || !document.isObject())
         return reportError(parse.errorString());
-    if (!document.isObject())
-        return reportError(QStringLiteral("device.json does not hold a JSON object"));
     m_root = document.object();
     return true;
 }
 
 bool AppState::save()
 {
-    const QString dir = QFileInfo(m_path).absolutePath();
-    if (!QDir().mkpath(dir))
-        return reportError(QStringLiteral("Could not create %1").arg(dir));
+    // A folder that cannot be created shows up as the file's own open error below.
+    QDir().mkpath(QFileInfo(m_path).absolutePath());
     QFile file(m_path);
     if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Text))
         return reportError(file.errorString());
@@ -139,13 +137,13 @@ bool AppState::save()
     return true;
 }
 
-// Listeners re-read the getters on changed(), so it follows only a save that reached the disk.
+// The in-memory value is in effect whether or not the file was written, so listeners hear of
+// it either way; the caller learns from the result whether it will survive a restart.
 bool AppState::commit()
 {
-    if (!save())
-        return false;
+    const bool saved = save();
     Q_EMIT changed();
-    return true;
+    return saved;
 }
 
 QString AppState::stringValue(const QString& key) const
@@ -269,8 +267,9 @@ bool AppState::setLocalRoot(const QString& path)
     const QString trimmed = path.trimmed();
     if (!trimmed.isEmpty())
         m_root.insert(kLocalRoot, QDir::fromNativeSeparators(trimmed));
-    const bool created = ensureLocalRoot();
-    return commit() && created;
+    // A root that cannot be created is reported by ensureLocalRoot; the setting is still stored.
+    ensureLocalRoot();
+    return commit();
 }
 
 bool AppState::ensureLocalRoot()

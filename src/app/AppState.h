@@ -16,7 +16,8 @@ class SecretStore;
 
 // Owner of the per-user settings and device identity, mirrored to "device.json".
 // Getters normalise on every read, so a hand-edited or old file never yields an invalid value;
-// setters save the whole file and then emit changed().
+// setters save the whole file and then emit changed(). A setter whose save failed answers false
+// (lastError() says why) and its value stays in effect until the program ends.
 class AppState : public QObject
 {
     Q_OBJECT

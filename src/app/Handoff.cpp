@@ -3,6 +3,7 @@
 #include "app/ActivationLink.h"
 #include "app/InstanceLog.h"
 #include "app/Paths.h"
+#include "platform/FileSystem.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -109,9 +110,13 @@ void receiveHandoff(const HandoffActions& actions)
 void receiveHandoff(const QString& directory, const HandoffActions& actions, const QDateTime& now)
 {
     // Unreadable files are listed too: a fresh one fails to open and waits, a stale one is
-    // removed, which needs no read access.
-    const QFileInfoList files = QDir(directory).entryInfoList(
-        {QStringLiteral("command-*.txt")}, QDir::Files | QDir::NoSymLinks, QDir::Name);
+    // removed, which needs no read access. Names match with the file system's own case rule,
+    // so "COMMAND-1.TXT" is a stranger's file where case matters.
+    QDir::Filters filters = QDir::Files | QDir::NoSymLinks;
+    if (platform::fileNameCase() == Qt::CaseSensitive)
+        filters |= QDir::CaseSensitive;
+    const QFileInfoList files =
+        QDir(directory).entryInfoList({QStringLiteral("command-*.txt")}, filters, QDir::Name);
     for (const QFileInfo& info : files) {
         if (!isFresh(info, now)) {
             QFile::remove(info.filePath());

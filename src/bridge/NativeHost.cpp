@@ -1,21 +1,15 @@
 #include "bridge/NativeHost.h"
 
+#include "platform/FileSystem.h"
+
 #include <QDir>
 #include <QFileInfo>
 
 namespace vantro {
 
-namespace {
-#ifdef Q_OS_WIN
-constexpr char kExecutableSuffix[] = ".exe";
-#else
-constexpr char kExecutableSuffix[] = "";
-#endif
-} // namespace
-
 QString nativeHostFileName()
 {
-    return QStringLiteral("vantro-sign-native-host") + QLatin1String(kExecutableSuffix);
+    return QStringLiteral("vantro-sign-native-host") + platform::executableSuffix();
 }
 
 QStringList helperCandidates(const QString& applicationDir, const QString& fileName)

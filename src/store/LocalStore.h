@@ -108,24 +108,32 @@ public:
     // mimeType.
     QJsonObject importFile(const QString& path);
 
+    // The document and "ORIGINAL" version rows of an imported file, inside the caller's
+    // transaction; nothing is read back (reconciliation imports thousands at a time).
+    void insertImportedRows(const LocalFileDescriptor& file, const QString& documentId,
+                            const QString& versionId, const QString& now);
+
+    // Statement helpers for the store's concern classes (reconciliation, deletion, artifacts),
+    // which share this connection. Statements are prepared once per connection and reused;
+    // results are always fully read and reset so that no statement keeps a read snapshot open.
+    // Values bind as parameters; a failure throws the driver's error text.
+    void forEachRow(const QString& sql, const QVariantList& values,
+                    const std::function<void(const QSqlQuery&)>& onRow);
+    QList<QJsonObject> selectRows(const QString& sql, const QVariantList& values = {});
+    QJsonObject selectRow(const QString& sql, const QVariantList& values = {});
+    // Answers the number of rows changed.
+    int execute(const QString& sql, const QVariantList& values = {});
+
 private:
     class QueryCache;
-    friend class StoreTransaction;
 
     QSqlDatabase database() const;
     void openConnection();
     void runSchemaStep();
     void addMissingDocumentColumns();
 
-    // Statements are prepared once per connection and reused; results are always fully read
-    // and reset so that no statement keeps a read snapshot open.
     QSqlQuery& prepared(const QString& sql);
     QSqlQuery& run(const QString& sql, const QVariantList& values);
-    void forEachRow(const QString& sql, const QVariantList& values,
-                    const std::function<void(const QSqlQuery&)>& onRow);
-    QList<QJsonObject> selectRows(const QString& sql, const QVariantList& values = {});
-    QJsonObject selectRow(const QString& sql, const QVariantList& values = {});
-    int execute(const QString& sql, const QVariantList& values = {});
     qint64 count(const QString& sql);
 
     QJsonObject documentJsonFor(const QJsonObject& row);

@@ -113,9 +113,15 @@ QJsonObject LocalStore::insertImportedDocument(const LocalFileDescriptor& file,
                                                const QString& documentId, const QString& versionId)
 {
     const QString docId = documentId.isEmpty() ? newId() : documentId;
-    const QString verId = versionId.isEmpty() ? newId() : versionId;
-    const QString now = nowIso();
     StoreTransaction transaction(*this);
+    insertImportedRows(file, docId, versionId.isEmpty() ? newId() : versionId, nowIso());
+    transaction.commit();
+    return getDocument(docId);
+}
+
+void LocalStore::insertImportedRows(const LocalFileDescriptor& file, const QString& docId,
+                                    const QString& verId, const QString& now)
+{
     execute(QStringLiteral("INSERT INTO local_documents (id, title, original_name, status, source, "
                            "local_state, current_version_id, server_document_id, active_flow_id, "
                            "last_error, created_at, updated_at) VALUES (?, ?, ?, 'LOCAL', "
@@ -126,28 +132,26 @@ QJsonObject LocalStore::insertImportedDocument(const LocalFileDescriptor& file,
                        "sha256, size_bytes, mime_type, server_version_id, created_at) VALUES "
                        "(?, ?, 'ORIGINAL', ?, ?, ?, ?, ?, NULL, ?)"),
         {verId, docId, file.path, file.relativePath, file.sha256, file.size, file.mimeType, now});
-    transaction.commit();
-    return getDocument(docId);
 }
 
 QJsonObject LocalStore::insertPlaceholderDocument(const QString& serverDocumentId,
                                                   const QString& title)
 {
-    const QString name = title.trimmed().isEmpty() ? QStringLiteral("Sujungtas PDF") : title;
+    const QString name = title.isEmpty() ? QStringLiteral("Sujungtas PDF") : title;
     const QString documentId = newId();
     const QString now = nowIso();
     execute(QStringLiteral("INSERT INTO local_documents (id, title, original_name, status, source, "
                            "local_state, current_version_id, server_document_id, active_flow_id, "
                            "last_error, created_at, updated_at) VALUES (?, ?, ?, 'PROCESSING', "
                            "'SERVER_GENERATED', 'PENDING_MIRROR', ?, ?, NULL, '', ?, ?)"),
-            {documentId, name, name + QStringLiteral(".pdf"), newId(), textOrNull(serverDocumentId),
-             now, now});
+            {documentId, name, name + QStringLiteral(".pdf"), newId(), serverDocumentId, now, now});
     return getDocument(documentId);
 }
 
 QJsonObject LocalStore::addVersion(const QVariantMap& version)
 {
-    const QString versionId = text(version, "id", newId());
+    // The id is the caller's: the mirror adds a placeholder's version under its reserved id.
+    const QString versionId = text(version, "id");
     const QString documentId = text(version, "documentId");
     const QString now = nowIso();
     StoreTransaction transaction(*this);
@@ -168,7 +172,7 @@ QJsonObject LocalStore::addVersion(const QVariantMap& version)
                            "COALESCE(server_document_id, ?), updated_at = ?, last_error = '' WHERE "
                            "id = ?"),
             {versionId, text(version, "status", QStringLiteral("SIGNED")),
-             textOrNull(text(version, "serverDocumentId")), now, documentId});
+             text(version, "serverDocumentId"), now, documentId});
     transaction.commit();
     return getVersion(versionId);
 }

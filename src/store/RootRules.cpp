@@ -2,6 +2,7 @@
 
 #include "app/Errors.h"
 #include "app/SafeName.h"
+#include "platform/FileSystem.h"
 
 #include <QDir>
 #include <QFileInfo>
@@ -10,13 +11,6 @@
 namespace vantro::rootrules {
 
 namespace {
-
-// Windows file systems compare names without case; a root spelt differently is the same root.
-#ifdef Q_OS_WIN
-constexpr Qt::CaseSensitivity kPathCase = Qt::CaseInsensitive;
-#else
-constexpr Qt::CaseSensitivity kPathCase = Qt::CaseSensitive;
-#endif
 
 bool isOneOf(const QString& value, std::initializer_list<const char*> choices)
 {
@@ -93,10 +87,12 @@ bool isSameOrInside(const QString& root, const QString& path)
 {
     if (root.isEmpty() || path.isEmpty())
         return false;
-    if (path.compare(root, kPathCase) == 0)
+    // Where names compare without case, a root spelt differently is the same root.
+    const Qt::CaseSensitivity sensitivity = platform::fileNameCase();
+    if (path.compare(root, sensitivity) == 0)
         return true;
     const QString prefix = root.endsWith(QLatin1Char('/')) ? root : root + QLatin1Char('/');
-    return path.startsWith(prefix, kPathCase);
+    return path.startsWith(prefix, sensitivity);
 }
 
 bool isTemporarySuffix(const QString& suffix)

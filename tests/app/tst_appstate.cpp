@@ -116,6 +116,25 @@ private Q_SLOTS:
         QVERIFY(!QFile::exists(m_path)); // reading creates nothing
     }
 
+    // Failures report the texts of the parser and of the file itself.
+    void errorTexts()
+    {
+        writeFile("[]");
+        AppState state(m_path);
+        QCOMPARE(state.lastError(), QJsonParseError().errorString()); // parsed, but no object
+        // A save into a "folder" that is a regular file: the file's own open error.
+        const QString blocked = m_dir.filePath("plain-file/device.json");
+        QVERIFY(QFile(m_dir.filePath("plain-file")).open(QIODevice::WriteOnly));
+        AppState unsaved(blocked);
+        QFile probe(blocked);
+        QVERIFY(!probe.open(QIODevice::WriteOnly));
+        QSignalSpy changed(&unsaved, &AppState::changed);
+        QVERIFY(!unsaved.setTheme("dark"));
+        QCOMPARE(unsaved.lastError(), probe.errorString());
+        // The value is in effect all the same, and listeners hear of it.
+        QCOMPARE(unsaved.theme() + QString::number(changed.count()), "dark1");
+    }
+
     void settersSaveAndNotify()
     {
         writeFile(j("{'future':[1,null],'activation':{'device_id':'D1'},'signerProfile':{'x':1}}"));

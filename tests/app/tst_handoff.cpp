@@ -96,6 +96,15 @@ private Q_SLOTS:
         QCOMPARE(run(), (QStringList{"link vantrosign:earlier", "show", "link vantrosign:x"}));
     }
 
+    // Only our own spelling of the name counts where the file system tells case apart.
+    void namesMatchWithCase()
+    {
+        const QString stranger = writeCommand("COMMAND-1-1.TXT", "vantrosign:upper\n");
+        writeCommand("command-1-1.txt", "show\n");
+        QCOMPARE(run(), QStringList{"show"});
+        QCOMPARE(entries(), QStringList{QFileInfo(stranger).fileName()});
+    }
+
     void receive_data()
     {
         QTest::addColumn<QByteArray>("content");

@@ -44,14 +44,15 @@ struct FakeWebView : BridgeWebView
     QStringList scripts;
 };
 
-// Records dialogs (all cancelled) and opened URLs. `duringDialog` runs once inside the open file
-// picker, as a modal dialog runs the event loop, while the first call still holds the bridge.
+// Records dialogs (cancelled, but for a folder set in `pickedFolder`) and opened URLs.
+// `duringDialog` runs once inside the open file picker, as a modal dialog runs the event loop,
+// while the first call still holds the bridge.
 struct FakeShell : DesktopShell
 {
     QString pickFolder(const QString& title, const QString& start) override
     {
         calls << "pickFolder|" + title + '|' + start;
-        return {};
+        return pickedFolder;
     }
     QStringList pickFiles(const QString& title, const QString& start,
                           const QString& filter) override
@@ -67,6 +68,7 @@ struct FakeShell : DesktopShell
         return true;
     }
     std::function<void()> duringDialog;
+    QString pickedFolder;
     QStringList calls;
 };
 

@@ -155,6 +155,45 @@ private Q_SLOTS:
         QCOMPARE(f->shell.calls.join(';'), shell.replace('@', root));
     }
 
+    // device.json replaced by a folder: every save fails. Each setter still answers the value
+    // now in effect, which the getter confirms, and the lost write is logged, not refused.
+    void settersAnswerWhenSaveFails_data()
+    {
+        addColumns<QString, QVariantList, QString>({"setter", "args", "getter"});
+        addRow("theme", QString("sign:setTheme"), QVariantList{"dark"}, QString("sign:getTheme"));
+        addRow("delete settings", QString("sign:setLocalDeleteSettings"),
+               QVariantList{QVariantMap{{"deletedFileAction", "keep_local_files"}}},
+               QString("sign:getLocalDeleteSettings"));
+        addRow("local root", QString("sign:setLocalRoot"), QVariantList{},
+               QString("sign:getLocalRoot"));
+    }
+    void settersAnswerWhenSaveFails()
+    {
+        QFETCH(QString, setter);
+        QFETCH(QVariantList, args);
+        QFETCH(QString, getter);
+        f->shell.pickedFolder = f->path("chosen");
+        QVERIFY(QFile::remove(f->state.filePath()) && QDir().mkpath(f->state.filePath()));
+        const QVariant before = variantMember(f->call(getter), "value");
+        QTest::ignoreMessage(QtWarningMsg, QRegularExpression("^settings not saved: .+"));
+        const QVariant answer = f->call(setter, args);
+        QVERIFY2(variantMember(answer, "ok").toBool(), toCompactJson(answer).constData());
+        const QVariant value = variantMember(answer, "value");
+        QVERIFY(value != before);
+        QCOMPARE(toCompactJson(variantMember(f->call(getter), "value")), toCompactJson(value));
+    }
+
+    // A root that cannot be created is the root's problem, not a failed save of the setting.
+    void uncreatableRootIsStillStored()
+    {
+        QVERIFY(QFile(f->path("file")).open(QIODevice::WriteOnly));
+        f->shell.pickedFolder = f->path("file/root");
+        QTest::failOnWarning(QRegularExpression("settings not saved"));
+        QCOMPARE(toCompactJson(f->call("sign:setLocalRoot")),
+                 toCompactJson(DesktopBridge::ok(f->shell.pickedFolder).toVariant()));
+        QCOMPARE(AppState(f->state.filePath()).localRoot(), f->shell.pickedFolder);
+    }
+
     void argumentsByPosition()
     {
         const QVariantList args{"a", QVariantMap{{"b", true}}};

@@ -56,6 +56,21 @@ private Q_SLOTS:
         QCOMPARE(fields(m_store->getDocument(id)["current_version"].toObject(), "id"), reserved);
     }
 
+    // Values are stored as the caller gave them: a blank title is a title, an absent version id
+    // is the empty id, an empty service id is empty text rather than "unknown" (NULL).
+    void valuesAsGiven()
+    {
+        const QJsonObject blank = m_store->insertPlaceholderDocument({}, "  ");
+        QCOMPARE(fields(blank, "title original_name"), "  |  .pdf");
+        const QString id = importDocument("a.pdf"); // no service id yet: NULL
+        QCOMPARE(fields(m_store->addVersion({{"documentId", id}, {"serverDocumentId", ""}}),
+                        "id server_version_id"),
+                 "|~"); // the empty id, and no service version id to show
+        QCOMPARE(m_env->raw.run("SELECT quote(server_document_id) FROM local_documents ORDER BY "
+                                "title"),
+                 (QStringList{"''", "''"}));
+    }
+
     // A known service id is kept against another one; an unknown one is filled in.
     void addVersion()
     {
