@@ -6,6 +6,7 @@
 #include "bridge/BridgeLogging.h"
 #include "bridge/DesktopBridge.h"
 
+#include <QDir>
 #include <QFutureWatcher>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -142,10 +143,8 @@ void BridgeChannel::applyCompletionHook(const QString& method, const OrderedObje
         return;
     const QVariant value = result.value(QStringLiteral("value"));
     if (method == kReconcileMethod) {
-        emitDesktopEvent(QStringLiteral("vantro-sign-local-root-reconciled"),
-                         OrderedObject{{QStringLiteral("summary"),
-                                        variantMember(value, QStringLiteral("summary"))}}
-                             .toVariant());
+        announceReconciliation(variantMember(value, QStringLiteral("summary")),
+                               QStringLiteral("reconcile"));
         return;
     }
     if (!m_hooks)
@@ -156,6 +155,24 @@ void BridgeChannel::applyCompletionHook(const QString& method, const OrderedObje
         m_hooks->openPreparedDefault(variantMember(value, QStringLiteral("preparedDefaultOpen")));
     else if (method == kRevealMethod)
         m_hooks->completeArtifactReveal(value);
+}
+
+void BridgeChannel::announceReconciliation(const QVariant& summary, const QString& importSource)
+{
+    emitDesktopEvent(QStringLiteral("vantro-sign-local-root-reconciled"),
+                     OrderedObject{{QStringLiteral("summary"), summary}}.toVariant());
+    const QVariantList imported = variantMember(summary, QStringLiteral("imported")).toList();
+    if (imported.isEmpty())
+        return;
+    const QDir root(variantMember(summary, QStringLiteral("root")).toString());
+    QStringList files;
+    for (const QVariant& item : imported)
+        files << root.filePath(variantMember(item, QStringLiteral("relativePath")).toString());
+    emitDesktopEvent(QStringLiteral("vantro-sign-files-dropped"),
+                     OrderedObject{{QStringLiteral("imported"), imported},
+                                   {QStringLiteral("files"), files},
+                                   {QStringLiteral("source"), importSource}}
+                         .toVariant());
 }
 
 void BridgeChannel::postResult(const QString& id, const OrderedObject& result)

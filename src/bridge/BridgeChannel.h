@@ -65,6 +65,9 @@ public:
     void handleWebMessage(const QString& json, const QString& sourceUri);
     void postResult(const QString& id, const OrderedObject& result);
     void emitDesktopEvent(const QString& type, const QVariant& detail);
+    // Tells the page that a reconciliation finished and, when it imported files, that they
+    // arrived ("vantro-sign-files-dropped" with `source` = importSource: "watch" or "reconcile").
+    void announceReconciliation(const QVariant& summary, const QString& importSource);
 
 Q_SIGNALS:
     // Emitted after an answer was handed to the web view (tests and benchmarks wait on it).

@@ -187,6 +187,15 @@ OrderedObject DesktopBridge::error(const QString& code, const QString& message)
                          {QStringLiteral("error"), detail.toVariant()}};
 }
 
+bool DesktopBridge::runExclusive(const std::function<void()>& work)
+{
+    ExclusiveSlot slot;
+    if (!slot.acquire())
+        return false;
+    work();
+    return true;
+}
+
 bool DesktopBridge::isAsynchronous(const QString& method)
 {
     return asynchronousMethods().contains(method);

@@ -35,6 +35,11 @@ public:
     // Runs `run`; a handler's failure, thrown as "CODE: message", becomes an error result.
     static OrderedObject guarded(const QString& method, const std::function<OrderedObject()>& run);
 
+    // Runs `work` holding the process-wide exclusive flag, as an exclusive page call would; false,
+    // without running it, while another exclusive call holds the flag. For work the window starts
+    // by itself (the root watch, queue retries), which waits for its next turn instead.
+    static bool runExclusive(const std::function<void()>& work);
+
     static bool isAsynchronous(const QString& method);
     static bool isExclusive(const QString& method);
 

@@ -1,4 +1,6 @@
-// The "sign:" method table and the handlers of the rows whose components are built.
+// The "sign:" method table, in dispatch order, and the handlers of the settings and import rows.
+// Each other family's handlers live in a file of their own beside this one (LocalRootMethods,
+// LocalFileMethods); the work itself is in the subsystem's folder.
 #include "app/AppState.h"
 #include "app/Errors.h"
 #include "bridge/BridgeArgs.h"
@@ -6,6 +8,8 @@
 #include "bridge/BridgeLogging.h"
 #include "bridge/DesktopBridge.h"
 #include "bridge/DesktopShell.h"
+#include "bridge/LocalFileMethods.h"
+#include "bridge/LocalRootMethods.h"
 #include "store/LocalStore.h"
 #include "store/RootRules.h"
 
@@ -24,18 +28,13 @@ constexpr char kLocalRootDialogTitle[] = "Vantro Sign folder";
 constexpr char kPickFilesTitle[] = "Pasirinkite dokumentus";
 
 // Components that are not part of this build yet; their rows answer "<name> is not available".
-constexpr char kReconcile[] = "Local root reconciliation";
-constexpr char kDeletion[] = "Local deletion";
 constexpr char kUpload[] = "Upload";
 constexpr char kPdfTools[] = "PDF tools";
 constexpr char kInvitations[] = "External invitations";
-constexpr char kFileHandles[] = "Local file handles";
 constexpr char kMirrorQueue[] = "Mirror queue";
 constexpr char kArtifactReveal[] = "Artifact reveal";
 constexpr char kPreviews[] = "Document preview";
 constexpr char kNativePreview[] = "Native preview";
-constexpr char kArtifacts[] = "Local artifacts";
-constexpr char kAdoc[] = "ADOC extraction";
 
 // A setter whose save failed still changed the value in effect, so the page is answered with
 // that value; the lost write is a diagnostic for the log, not an error of the call.
@@ -51,17 +50,6 @@ QString pickFilesFilter()
     for (const QString& suffix : rootrules::supportedDocumentSuffixes())
         patterns << QStringLiteral("*.") + suffix;
     return QStringLiteral("Vantro Sign documents (%1)").arg(patterns.join(QLatin1Char(' ')));
-}
-
-OrderedObject openFolder(DesktopBridge& bridge, const QString& path)
-{
-    const bool opened = bridge.desktopShell()->openUrl(QUrl::fromLocalFile(path));
-    if (!opened)
-        qCWarning(lcBridge) << "desktop refused to open folder" << path;
-    return DesktopBridge::ok(OrderedObject{
-        {QStringLiteral("opened"), opened},
-        {QStringLiteral("path"),
-         path}}.toVariant());
 }
 
 OrderedObject getStatus(DesktopBridge& bridge, const QVariantList&)
@@ -145,39 +133,6 @@ OrderedObject listJobs(DesktopBridge& bridge, const QVariantList& args)
     return DesktopBridge::ok(bridge.localStore()->listJobs(stringAt(args, 0)).toVariantList());
 }
 
-OrderedObject openLocalRoot(DesktopBridge& bridge, const QVariantList&)
-{
-    AppState& state = *bridge.state();
-    if (!state.ensureLocalRoot())
-        return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_LOCAL_ROOT_MISSING"),
-                                    QStringLiteral("Vietinio aplanko sukurti nepavyko."));
-    return openFolder(bridge, bridge.localStore()->localRoot());
-}
-
-OrderedObject outsideRoot()
-{
-    return DesktopBridge::error(
-        QStringLiteral("VANTRO_SIGN_LOCAL_PATH_OUTSIDE_ROOT"),
-        QStringLiteral("Requested folder is outside the Vantro Sign local root."));
-}
-
-OrderedObject openLocalFolder(DesktopBridge& bridge, const QVariantList& args)
-{
-    const QString root = bridge.localStore()->localRoot();
-    const QString relative = QDir::fromNativeSeparators(stringAt(args, 0).trimmed());
-    const QString target = QDir::cleanPath(QDir(root).absoluteFilePath(relative));
-    if (!rootrules::isSameOrInside(root, target))
-        return outsideRoot();
-    const QFileInfo info(target);
-    if (!info.isDir())
-        return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_LOCAL_FOLDER_MISSING"),
-                                    QStringLiteral("Vietinio aplanko atidaryti nepavyko."));
-    // A link inside the root may still lead out of it.
-    if (!rootrules::isSameOrInside(QFileInfo(root).canonicalFilePath(), info.canonicalFilePath()))
-        return outsideRoot();
-    return openFolder(bridge, target);
-}
-
 OrderedObject activate(DesktopBridge&, const QVariantList&)
 {
     return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_ACTIVATION_NATIVE_SCREEN_REQUIRED"),
@@ -206,17 +161,17 @@ const DispatchTable& signMethodTable()
             methodRow("sign:getLocalRoot", getLocalRoot),
             methodRow("sign:setLocalRoot", setLocalRoot, kDesktop),
             methodRow("sign:pickFiles", pickFiles, kDesktop),
-            pendingRow("sign:reconcileLocalRoot", kReconcile),
+            methodRow("sign:reconcileLocalRoot", localrootmethods::reconcileLocalRoot),
             methodRow("sign:listDocuments", listDocuments),
             methodRow("sign:listJobs", listJobs),
-            pendingRow("sign:deleteLocalDocument", kDeletion),
+            methodRow("sign:deleteLocalDocument", localrootmethods::deleteLocalDocument),
             pendingRow("sign:uploadLocalDocument", kUpload),
             pendingRow("sign:runPdfTool", kPdfTools),
             pendingRow("sign:listExternalInvitations", kInvitations),
             pendingRow("sign:createExternalInvitation", kInvitations),
             pendingRow("sign:cancelExternalInvitation", kInvitations),
             pendingRow("sign:remindExternalInvitation", kInvitations),
-            pendingRow("sign:hashFile", kFileHandles),
+            methodRow("sign:hashFile", localfilemethods::hashFile),
             pendingRow("sign:queueUpload", kUpload),
             pendingRow("sign:mirrorArtifact", kMirrorQueue),
             pendingRow("sign:ensureLocalArtifactAndReveal", kArtifactReveal),
@@ -228,15 +183,17 @@ const DispatchTable& signMethodTable()
             pendingRow("sign:warmServerDocumentPreview", kPreviews),
             pendingRow("sign:showNativePreview", kNativePreview),
             pendingRow("sign:closeNativePreview", kNativePreview),
-            methodRow("sign:openLocalRoot", openLocalRoot, kDesktop),
-            methodRow("sign:openLocalFolder", openLocalFolder, kDesktop),
-            pendingRow("sign:openLocalArtifactFolder", kArtifacts),
-            pendingRow("sign:getLocalArtifactStatus", kArtifacts),
-            pendingRow("sign:removeLocalArtifact", kArtifacts),
-            pendingRow("sign:removeLocalDocumentArtifacts", kArtifacts),
-            pendingRow("sign:extractAdocFiles", kAdoc),
-            pendingRow("sign:openLocalFile", kFileHandles),
-            pendingRow("sign:revealLocalFile", kFileHandles),
+            methodRow("sign:openLocalRoot", localrootmethods::openLocalRoot, kDesktop),
+            methodRow("sign:openLocalFolder", localrootmethods::openLocalFolder, kDesktop),
+            methodRow("sign:openLocalArtifactFolder", localfilemethods::openLocalArtifactFolder,
+                      kDesktop),
+            methodRow("sign:getLocalArtifactStatus", localfilemethods::getLocalArtifactStatus),
+            methodRow("sign:removeLocalArtifact", localfilemethods::removeLocalArtifact),
+            methodRow("sign:removeLocalDocumentArtifacts",
+                      localfilemethods::removeLocalDocumentArtifacts),
+            methodRow("sign:extractAdocFiles", localfilemethods::extractAdocFiles),
+            methodRow("sign:openLocalFile", localfilemethods::openLocalFile, kDesktop),
+            methodRow("sign:revealLocalFile", localfilemethods::revealLocalFile, kDesktop),
             methodRow("sign:activate", activate, NeedsNothing),
         }};
     return table;

@@ -128,12 +128,14 @@ QString LocalStore::localRoot() const
     return root.isEmpty() ? QString() : QDir::cleanPath(QFileInfo(root).absoluteFilePath());
 }
 
+QJsonObject LocalStore::deleteSettings() const
+{
+    return m_state ? m_state->localDeleteSettings() : QJsonObject();
+}
+
 QString LocalStore::deletedFolderName() const
 {
-    const QString name =
-        m_state
-            ? m_state->localDeleteSettings().value(QLatin1String("deletedFolderName")).toString()
-            : QString();
+    const QString name = deleteSettings().value(QLatin1String("deletedFolderName")).toString();
     return name.isEmpty() ? QString::fromLatin1(rootrules::kDefaultDeletedFolder) : name;
 }
 

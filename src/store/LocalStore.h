@@ -3,6 +3,8 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
+
+#include "app/OrderedJson.h"
 #include <QString>
 #include <QStringList>
 #include <QVariantList>
@@ -61,9 +63,11 @@ public:
     // Opens the connection and brings the schema up to date; every operation starts with it.
     void open();
 
-    // The local root from the settings, absolute and cleaned, and the deleted-files folder name.
+    // The local root from the settings, absolute and cleaned, the deleted-files folder name
+    // and the whole normalised deletion policy.
     QString localRoot() const;
     QString deletedFolderName() const;
+    QJsonObject deleteSettings() const;
 
     // Documents and versions. Lookups that find nothing answer an empty object.
     QJsonObject getDocument(const QString& documentId);
@@ -102,6 +106,37 @@ public:
     // last_error.
     QJsonObject updateMirrorItem(const QString& id, const QVariantMap& patch);
     QJsonArray listOpenMirrorItems();
+
+    // Reconciliation of the local root with the database; the summary object.
+    OrderedObject reconcileLocalRoot();
+    // Deletes the document's rows after applying the deletion policy to each of its files:
+    // {deleted, documentId, files}. VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND when there is none.
+    OrderedObject deleteDocument(const QString& documentId);
+
+    // Local artifacts: where a known artifact id lies on disk.
+    // keys: artifactId, path, sha256, kind (default "other"), documentId.
+    void upsertLocalArtifact(const QVariantMap& artifact);
+    // Resolves the artifact through local_artifacts, the mirror queue, service versions, service
+    // documents and the expected relative path, in that order; never fails for a missing file.
+    OrderedObject localArtifactStatus(const QString& artifactId, const QString& serverVersionId,
+                                      const QString& serverDocumentId,
+                                      const QString& expectedRelativePath);
+    // Removes the artifacts of a document (or the one artifact) by the deletion policy:
+    // {removed, movedToDeleted, kept, missing, artifacts}.
+    OrderedObject removeLocalArtifacts(const QString& documentId, const QString& artifactId);
+
+    // Opaque handles the page uses instead of paths.
+    QString createFileHandle(const QString& path);
+    // The handle's path; VANTRO_SIGN_FILE_HANDLE_NOT_FOUND, or VANTRO_SIGN_PATH_OUTSIDE_ROOT
+    // for a row that points out of the local root.
+    QString resolveFileHandle(const QString& handleId);
+    // {path, name, sha256} of the handle's file.
+    OrderedObject hashFileHandle(const QString& handleId);
+
+    // Writes the files the page unpacked from an ADOC container into the local root:
+    // {root, files}. All entries are checked before the first file is written, and a failed
+    // write takes back the files of this call.
+    OrderedObject extractAdocFiles(const QVariantMap& input);
 
     // Import of one file: registered in place inside the root, otherwise copied into
     // Originalai/yyyy-MM. Answers documentId, versionId, name, size, sha256, relativePath,

@@ -95,6 +95,22 @@ bool isSameOrInside(const QString& root, const QString& path)
     return path.startsWith(prefix, sensitivity);
 }
 
+bool isPhysicallyInside(const QString& root, const QString& path)
+{
+    if (relativePathInRoot(root, path).isEmpty())
+        return false;
+    const QString canonicalRoot = QFileInfo(root).canonicalFilePath();
+    QString folder = QFileInfo(path).absolutePath();
+    while (!QFileInfo::exists(folder)) {
+        const QString parent = QFileInfo(folder).absolutePath();
+        if (parent == folder)
+            return false;
+        folder = parent;
+    }
+    return !canonicalRoot.isEmpty() &&
+           isSameOrInside(canonicalRoot, QFileInfo(folder).canonicalFilePath());
+}
+
 bool isTemporarySuffix(const QString& suffix)
 {
     return isOneOf(suffix.toLower(), {"tmp", "temp", "partial", "crdownload", "download"});

@@ -41,6 +41,10 @@ bool isSupportedDocumentType(const QString& path);
 // True when the cleaned absolute `path` is `root` itself or lies below it. Unlike
 // relativePathInRoot, a child whose name starts with ".." counts as inside.
 bool isSameOrInside(const QString& root, const QString& path);
+// isSameOrInside for the path as the file system resolves it: the nearest existing folder of
+// `path`, links followed, must lie inside the root with links followed, so that a link inside
+// the root cannot lead a write or a removal out of it. Also false when relativePathInRoot is empty.
+bool isPhysicallyInside(const QString& root, const QString& path);
 bool isTemporarySuffix(const QString& suffix);
 bool isSkippedDirectoryName(const QString& name);
 

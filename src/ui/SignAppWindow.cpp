@@ -7,7 +7,9 @@
 #include "app/InstanceLog.h"
 #include "app/OrderedJson.h"
 #include "bridge/DesktopBridge.h"
+#include "store/LocalStore.h"
 #include "ui/DropImport.h"
+#include "ui/LocalRootWatch.h"
 #include "ui/Logging.h"
 #include "ui/SystemDesktopShell.h"
 #include "ui/Theme.h"
@@ -64,6 +66,7 @@ SignAppWindow::SignAppWindow(QWidget* parent)
     buildWebHost();
     applyStateTheme();
     connect(m_state, &AppState::changed, this, &SignAppWindow::applyStateTheme);
+    watchLocalRoot();
     m_web->openApp(m_api->webAppUrl());
 }
 
@@ -71,6 +74,7 @@ SignAppWindow::SignAppWindow(QWidget* parent)
 // components in reverse order of construction.
 SignAppWindow::~SignAppWindow()
 {
+    delete m_rootWatch;
     delete m_web;
     delete m_channel;
     delete m_bridge;
@@ -94,6 +98,23 @@ void SignAppWindow::buildWebHost()
     connect(m_web, &WebHost::fileDragActiveChanged, this, &SignAppWindow::emitDropState);
     connect(m_web, &WebHost::filesDropped, this, &SignAppWindow::importDroppedFiles);
     setCentralWidget(m_web);
+}
+
+// Files the user puts into the root reach the page without a reload; a root chosen later moves
+// the watch with it.
+void SignAppWindow::watchLocalRoot()
+{
+    if (!m_state->ensureLocalRoot())
+        qCWarning(lcUi).noquote() << "local root unavailable:" << m_state->lastError();
+    m_rootWatch = new LocalRootWatch(m_state->filePath(), this);
+    connect(m_rootWatch, &LocalRootWatch::reconciled, this, [this](const QVariant& summary) {
+        m_channel->announceReconciliation(summary, QStringLiteral("watch"));
+    });
+    const auto follow = [this] {
+        m_rootWatch->watch(m_bridge->localStore()->localRoot());
+    };
+    connect(m_state, &AppState::changed, m_rootWatch, follow);
+    follow();
 }
 
 void SignAppWindow::setDesktopShell(DesktopShell* shell)

@@ -19,6 +19,7 @@ class DesktopBridge;
 class DesktopShell;
 class SystemDesktopShell;
 class WebHost;
+class LocalRootWatch;
 struct DropImportOutcome;
 
 // The main window: builds the components in their fixed order and hosts the web application.
@@ -35,6 +36,7 @@ public:
     DesktopBridge* desktopBridge() const { return m_bridge; }
     BridgeChannel* bridgeChannel() const { return m_channel; }
     WebHost* webHost() const { return m_web; }
+    LocalRootWatch* localRootWatch() const { return m_rootWatch; }
 
     // Dialogs and opening addresses go through `shell`; null restores the system desktop.
     void setDesktopShell(DesktopShell* shell);
@@ -59,6 +61,7 @@ Q_SIGNALS:
 
 private:
     void buildWebHost();
+    void watchLocalRoot();
     void applyStateTheme();
     void emitDropState(bool active);
     void finishDropImport(const QStringList& paths, const DropImportOutcome& outcome);
@@ -74,6 +77,7 @@ private:
     DesktopBridge* m_bridge = nullptr;
     BridgeChannel* m_channel = nullptr;
     WebHost* m_web = nullptr;
+    LocalRootWatch* m_rootWatch = nullptr;
     std::unique_ptr<SystemDesktopShell> m_systemShell;
     DesktopShell* m_shell = nullptr;
     QPointer<QMessageBox> m_notice;
