@@ -2,6 +2,7 @@
 #include "BridgeTestSupport.h"
 
 #include "app/Errors.h"
+#include "app/FileHash.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeDispatch.h"
 #include "bridge/NativeHost.h"
@@ -192,6 +193,45 @@ private Q_SLOTS:
         QCOMPARE(toCompactJson(f->call("sign:setLocalRoot")),
                  toCompactJson(DesktopBridge::ok(f->shell.pickedFolder).toVariant()));
         QCOMPARE(AppState(f->state.filePath()).localRoot(), f->shell.pickedFolder);
+    }
+
+    // Rows that reach one file by id. With no file manager on the session bus, revealing
+    // opens the containing folder instead. "@" is the root; "#" the handle of @/sub/a.pdf.
+    void fileRows_data()
+    {
+        addColumns<QString, QString, QString, QString>({"method", "arg", "result", "shell"});
+        const QString unknownHandle = "VANTRO_SIGN_FILE_HANDLE_NOT_FOUND";
+        const QString hashed = R"({"path":"@/sub/a.pdf","name":"a.pdf","sha256":"%1"})";
+        addRow("open file", "sign:openLocalFile", "#", R"({"opened":true})", "open|@/sub/a.pdf");
+        addRow("reveal file", "sign:revealLocalFile", "#", R"({"revealed":true})", "open|@/sub");
+        addRow("hash file", "sign:hashFile", "#", hashed.arg(sha256Hex("a")), "");
+        addRow("open unknown", "sign:openLocalFile", "x", unknownHandle, "");
+        addRow("reveal unknown", "sign:revealLocalFile", "x", unknownHandle, "");
+        addRow("artifact folder", "sign:openLocalArtifactFolder", "art",
+               R"({"opened":true,"path":"@/sub/a.pdf","selected":false})", "open|@/sub");
+        addRow("artifact not on disk", "sign:openLocalArtifactFolder", "none",
+               "VANTRO_SIGN_LOCAL_ARTIFACT_NOT_AVAILABLE", "");
+    }
+    void fileRows()
+    {
+        QFETCH(QString, method);
+        QFETCH(QString, arg);
+        QFETCH(QString, result);
+        QFETCH(QString, shell);
+        qunsetenv("DBUS_SESSION_BUS_ADDRESS"); // no desktop session: nothing pops up
+        const QString root = f->path("root"), file = root + "/sub/a.pdf";
+        QVERIFY(QDir().mkpath(root + "/sub"));
+        QFile out(file);
+        QVERIFY(out.open(QIODevice::WriteOnly) && out.write("a") == 1);
+        out.close();
+        LocalStore& store = *f->bridge.localStore();
+        store.upsertLocalArtifact({{"artifactId", "art"}, {"path", file}});
+        store.upsertLocalArtifact({{"artifactId", "none"}, {"path", root + "/gone.pdf"}});
+        const QVariant answer = f->call(method, {arg.replace('#', store.createFileHandle(file))});
+        QCOMPARE(result.startsWith('{') ? toCompactJson(variantMember(answer, "value"))
+                                        : codeOf(answer),
+                 result.replace('@', root));
+        QCOMPARE(f->shell.calls.join(';'), shell.replace('@', root));
     }
 
     void argumentsByPosition()
