@@ -7,6 +7,7 @@
 //                         vs the sqlite3 shell printing the documents-with-versions join as JSON
 // Each side runs several times, interleaved, after one warm-up run each; medians are compared.
 #include "app/AppState.h"
+#include "BenchSupport.h"
 #include "store/LocalStore.h"
 
 #include <QCoreApplication>
@@ -33,7 +34,9 @@ using namespace vantro;
 
 namespace {
 
-constexpr int kRepetitions = 9;
+using benchsupport::compare;
+using benchsupport::runTool;
+
 constexpr qint64 kFileSize = 50 * 1024 * 1024;
 constexpr int kDocuments = 10000;
 
@@ -60,49 +63,6 @@ SELECT json_group_array(json(document)) FROM (
   LEFT JOIN local_versions v ON v.id = d.current_version_id AND v.document_id = d.id
   WHERE d.status <> 'MISSING' AND COALESCE(d.purged_at, '') = ''
   ORDER BY d.updated_at DESC, d.created_at DESC))");
-
-double medianMs(std::vector<double> samples)
-{
-    std::sort(samples.begin(), samples.end());
-    return samples.at(samples.size() / 2);
-}
-
-double timedMs(const std::function<void()>& run)
-{
-    QElapsedTimer timer;
-    timer.start();
-    run();
-    return double(timer.nsecsElapsed()) / 1e6;
-}
-
-// Runs both sides once to warm caches, then kRepetitions times each, interleaved.
-std::pair<double, double> compare(const std::function<void()>& ours,
-                                  const std::function<void()>& reference)
-{
-    ours();
-    reference();
-    std::vector<double> oursMs;
-    std::vector<double> referenceMs;
-    for (int i = 0; i < kRepetitions; ++i) {
-        oursMs.push_back(timedMs(ours));
-        referenceMs.push_back(timedMs(reference));
-    }
-    return {medianMs(oursMs), medianMs(referenceMs)};
-}
-
-// Runs a command-line tool to completion. Timed runs discard the output; otherwise it is
-// answered.
-QByteArray runTool(const QString& program, const QStringList& arguments, bool keepOutput = false)
-{
-    QProcess process;
-    if (!keepOutput)
-        process.setStandardOutputFile(QProcess::nullDevice());
-    process.start(program, arguments);
-    if (!process.waitForFinished(60000) || process.exitStatus() != QProcess::NormalExit ||
-        process.exitCode() != 0)
-        qFatal("%s failed: %s", qPrintable(program), qPrintable(process.errorString()));
-    return keepOutput ? process.readAllStandardOutput() : QByteArray();
-}
 
 QString writeRandomFile(const QString& path)
 {
@@ -283,11 +243,7 @@ int main(int argc, char** argv)
             continue;
         Workspace workspace;
         const auto [value, reference] = figure.measure(workspace);
-        const double ratio = value / reference;
-        std::printf("BENCH name=%s value=%.3f unit=ms reference=%.3f ratio=%.3f target=%.1f\n",
-                    qPrintable(name), value, reference, ratio, figure.target);
-        std::fflush(stdout);
-        if (ratio > figure.target)
+        if (!benchsupport::report(name, value, reference, figure.target))
             status = 1;
     }
     return status;

@@ -1,6 +1,5 @@
 #include "store/FileHashCache.h"
 
-#include "app/FileHash.h"
 #include "store/LocalStore.h"
 #include "store/StoreSql.h"
 
@@ -16,45 +15,63 @@ constexpr int kSha256HexLength = 64;
 FileHashCache::FileHashCache(LocalStore& store)
     : m_store(store)
 {
+}
+
+void FileHashCache::load()
+{
+    // The path itself is read only for the rows the walk did not see (prune).
     m_store.forEachRow(
-        QStringLiteral("SELECT path_key, path, size_bytes, last_modified_ms, sha256 FROM "
-                       "local_file_hash_cache"),
+        QStringLiteral(
+            "SELECT path_key, size_bytes, last_modified_ms, sha256 FROM local_file_hash_cache"),
         {}, [&](const QSqlQuery& row) {
-            m_entries.insert(row.value(0).toString(),
-                             {row.value(1).toString(), row.value(2).toLongLong(),
-                              row.value(3).toLongLong(), row.value(4).toString()});
+            m_entries.insert(
+                row.value(0).toString(),
+                {row.value(1).toLongLong(), row.value(2).toLongLong(), row.value(3).toString()});
         });
 }
 
-QString FileHashCache::sha256(const QString& path, qint64 size, qint64 modifiedMs)
+QString FileHashCache::cached(const QString& pathKey, qint64 size, qint64 modifiedMs) const
 {
-    const QString key = pathKey(path);
-    const auto found = m_entries.constFind(key);
+    const auto found = m_entries.constFind(pathKey);
     if (found != m_entries.constEnd() && found->size == size && found->modifiedMs == modifiedMs &&
         found->sha256.size() == kSha256HexLength)
         return found->sha256;
-    const QString hash = sha256File(path);
-    m_entries.insert(key, {path, size, modifiedMs, hash});
-    m_dirty.append(key);
-    return hash;
+    return {};
 }
 
+void FileHashCache::remember(const QString& pathKey, const QString& path, qint64 size,
+                             qint64 modifiedMs, const QString& sha256)
+{
+    m_entries.insert(pathKey, {size, modifiedMs, sha256});
+    m_dirty.append({pathKey, path});
+}
+
+// Many rows per statement: a first run writes one row for every file of the root.
 void FileHashCache::flush()
 {
+    constexpr qsizetype kRowsPerStatement = 200;
     if (m_dirty.isEmpty())
         return;
     const QString now = storesql::nowIso();
     StoreTransaction transaction(m_store);
-    for (const QString& key : std::as_const(m_dirty)) {
-        const Entry& entry = m_entries[key];
+    for (qsizetype first = 0; first < m_dirty.size(); first += kRowsPerStatement) {
+        const qsizetype count = qMin(kRowsPerStatement, m_dirty.size() - first);
+        QStringList rows;
+        QVariantList values;
+        for (qsizetype i = first; i < first + count; ++i) {
+            const auto& [key, path] = m_dirty.at(i);
+            const Entry& entry = m_entries[key];
+            rows << QStringLiteral("(?, ?, ?, ?, ?, ?)");
+            values << key << path << entry.size << entry.modifiedMs << entry.sha256 << now;
+        }
         m_store.execute(
-            QStringLiteral(
-                "INSERT INTO local_file_hash_cache (path_key, path, size_bytes, last_modified_ms, "
-                "sha256, updated_at) VALUES (?, ?, ?, ?, ?, ?) ON CONFLICT(path_key) DO UPDATE SET "
-                "path = excluded.path, size_bytes = excluded.size_bytes, last_modified_ms = "
-                "excluded.last_modified_ms, sha256 = excluded.sha256, updated_at = "
-                "excluded.updated_at"),
-            {key, entry.path, entry.size, entry.modifiedMs, entry.sha256, now});
+            QStringLiteral("INSERT INTO local_file_hash_cache (path_key, path, size_bytes, "
+                           "last_modified_ms, sha256, updated_at) VALUES %1 ON CONFLICT(path_key) "
+                           "DO UPDATE SET path = excluded.path, size_bytes = excluded.size_bytes, "
+                           "last_modified_ms = excluded.last_modified_ms, sha256 = "
+                           "excluded.sha256, updated_at = excluded.updated_at")
+                .arg(rows.join(QStringLiteral(", "))),
+            values);
     }
     transaction.commit();
     m_dirty.clear();
@@ -64,7 +81,12 @@ int FileHashCache::prune(const QSet<QString>& seenPathKeys)
 {
     QList<QString> gone;
     for (auto it = m_entries.constBegin(); it != m_entries.constEnd(); ++it) {
-        if (!seenPathKeys.contains(it.key()) && !QFileInfo::exists(it->path))
+        if (seenPathKeys.contains(it.key()))
+            continue;
+        const QJsonObject row = m_store.selectRow(
+            QStringLiteral("SELECT path FROM local_file_hash_cache WHERE path_key = ?"),
+            {it.key()});
+        if (!QFileInfo::exists(row.value(QLatin1String("path")).toString()))
             gone.append(it.key());
     }
     if (gone.isEmpty())

@@ -2,6 +2,7 @@
 
 #include <QHash>
 #include <QList>
+#include <QPair>
 #include <QSet>
 #include <QString>
 
@@ -18,9 +19,14 @@ class FileHashCache
 public:
     explicit FileHashCache(LocalStore& store);
 
-    // The cached hash of the file, or the file hashed now and remembered for flush().
-    // Throws VANTRO_SIGN_LOCAL_FILE_READ_FAILED when the file cannot be read.
-    QString sha256(const QString& path, qint64 size, qint64 modifiedMs);
+    // Reads the whole table (once per run, before the lookups).
+    void load();
+
+    // The cached hash of the file when its size and modification time still match, else "".
+    QString cached(const QString& pathKey, qint64 size, qint64 modifiedMs) const;
+    // Remembers a hash computed now, for flush().
+    void remember(const QString& pathKey, const QString& path, qint64 size, qint64 modifiedMs,
+                  const QString& sha256);
 
     // Writes the hashes computed since loading, in one transaction.
     void flush();
@@ -33,7 +39,6 @@ public:
 private:
     struct Entry
     {
-        QString path;
         qint64 size = 0;
         qint64 modifiedMs = 0;
         QString sha256;
@@ -41,7 +46,7 @@ private:
 
     LocalStore& m_store;
     QHash<QString, Entry> m_entries;
-    QList<QString> m_dirty;
+    QList<QPair<QString, QString>> m_dirty; // key and path of the hashes to write
 };
 
 } // namespace vantro

@@ -12,13 +12,19 @@ namespace vantro::rootrules {
 
 namespace {
 
-bool isOneOf(const QString& value, std::initializer_list<const char*> choices)
+bool isOneOf(QStringView value, std::initializer_list<const char*> choices)
 {
     for (const char* choice : choices) {
-        if (value == QLatin1String(choice))
+        if (value.compare(QLatin1String(choice), Qt::CaseInsensitive) == 0)
             return true;
     }
     return false;
+}
+
+QStringView suffixOf(QStringView name)
+{
+    const qsizetype dot = name.lastIndexOf(QLatin1Char('.'));
+    return dot < 0 ? QStringView() : name.mid(dot + 1);
 }
 
 } // namespace
@@ -78,9 +84,18 @@ const QStringList& supportedDocumentSuffixes()
     return suffixes;
 }
 
+// Called for every file of every reconciliation: no QFileInfo, no lower-cased copies.
 bool isSupportedDocumentType(const QString& path)
 {
-    return supportedDocumentSuffixes().contains(QFileInfo(path).suffix().toLower());
+    const qsizetype slash = path.lastIndexOf(QLatin1Char('/'));
+    const QStringView suffix = suffixOf(QStringView(path).mid(slash + 1));
+    if (suffix.isEmpty())
+        return false;
+    for (const QString& supported : supportedDocumentSuffixes()) {
+        if (suffix.compare(supported, Qt::CaseInsensitive) == 0)
+            return true;
+    }
+    return false;
 }
 
 bool isSameOrInside(const QString& root, const QString& path)
@@ -111,38 +126,45 @@ bool isPhysicallyInside(const QString& root, const QString& path)
            isSameOrInside(canonicalRoot, QFileInfo(folder).canonicalFilePath());
 }
 
-bool isTemporarySuffix(const QString& suffix)
+bool isTemporarySuffix(QStringView suffix)
 {
-    return isOneOf(suffix.toLower(), {"tmp", "temp", "partial", "crdownload", "download"});
+    return isOneOf(suffix, {"tmp", "temp", "partial", "crdownload", "download"});
 }
 
-bool isSkippedDirectoryName(const QString& name)
+bool isSkippedDirectoryName(QStringView name)
 {
-    return isOneOf(name.trimmed().toLower(), {"tmp", "temp", ".tmp", ".temp", "cache", ".cache",
-                                              "previews", "preview-cache", ".vantro-temp"});
+    return isOneOf(name.trimmed(), {"tmp", "temp", ".tmp", ".temp", "cache", ".cache", "previews",
+                                    "preview-cache", ".vantro-temp"});
+}
+
+bool isSkippedFileName(QStringView name)
+{
+    if (name.startsWith(QLatin1String("~$")))
+        return true;
+    const QStringView suffix = suffixOf(name);
+    return !suffix.isEmpty() && isTemporarySuffix(suffix);
 }
 
 bool isSkippedRelativePath(const QString& relativePath, const QString& deletedFolderName)
 {
-    const QStringList parts = relativePath.split(QLatin1Char('/'), Qt::SkipEmptyParts);
-    if (parts.isEmpty())
-        return false;
-    const QString first = parts.first();
-    const QString firstTrimmed = first.trimmed().toLower();
-    if (firstTrimmed == QLatin1String("pasirasyta") ||
-        firstTrimmed == QString::fromUtf8(u8"pasira\u0161yta"))
-        return true;
-    if (first.toLower() == deletedFolderName.toLower())
-        return true;
-    for (qsizetype i = 0; i + 1 < parts.size(); ++i) {
-        if (isSkippedDirectoryName(parts.at(i)))
+    static const QString signedWithCaron = QString::fromUtf8(u8"pasira\u0161yta");
+    const auto parts = QStringView(relativePath).tokenize(QLatin1Char('/'), Qt::SkipEmptyParts);
+    QStringView previous; // the part before the current one: a folder, once another follows
+    bool any = false;
+    for (const QStringView part : parts) {
+        if (!any) {
+            any = true;
+            const QStringView trimmed = part.trimmed();
+            if (trimmed.compare(QLatin1String("pasirasyta"), Qt::CaseInsensitive) == 0 ||
+                trimmed.compare(signedWithCaron, Qt::CaseInsensitive) == 0 ||
+                part.compare(deletedFolderName, Qt::CaseInsensitive) == 0)
+                return true;
+        } else if (isSkippedDirectoryName(previous)) {
             return true;
+        }
+        previous = part;
     }
-    const QString fileName = parts.last().toLower();
-    if (fileName.startsWith(QLatin1String("~$")))
-        return true;
-    const int dot = fileName.lastIndexOf(QLatin1Char('.'));
-    return dot >= 0 && isTemporarySuffix(fileName.mid(dot + 1));
+    return any && isSkippedFileName(previous);
 }
 
 QString monthFolder(const QString& root, const QDate& localDate)

@@ -45,8 +45,12 @@ bool isSameOrInside(const QString& root, const QString& path);
 // `path`, links followed, must lie inside the root with links followed, so that a link inside
 // the root cannot lead a write or a removal out of it. Also false when relativePathInRoot is empty.
 bool isPhysicallyInside(const QString& root, const QString& path);
-bool isTemporarySuffix(const QString& suffix);
-bool isSkippedDirectoryName(const QString& name);
+bool isTemporarySuffix(QStringView suffix);
+bool isSkippedDirectoryName(QStringView name);
+
+// The file-name part of the rule below: office lock files ("~$") and partial downloads
+// (".tmp", ".temp", ".partial", ".crdownload", ".download"), letter case ignored.
+bool isSkippedFileName(QStringView name);
 
 // True for paths that are never user documents: the signed and deleted folders (first part
 // only), temporary and cache folders at any depth, office lock files and partial downloads.

@@ -16,13 +16,16 @@ using platform::DirectoryEntry;
 class Walker
 {
 public:
-    Walker(const QString& root, const QString& deletedFolderName)
-        : m_root(root)
-        , m_deletedFolderName(deletedFolderName)
+    explicit Walker(const QString& deletedFolderName)
+        : m_deletedFolderName(deletedFolderName)
     {
     }
 
-    void walk(const QString& folder, const QString& relativeFolder, int depth)
+    // `inSkippedFolder`: some folder on the way down has a skipped directory name (a "cache"
+    // folder is entered, but nothing in it is a document). Carrying it down, with the first-part
+    // rules applied at the root only, gives each entry the verdict of isSkippedRelativePath
+    // without splitting its path again.
+    void walk(const QString& folder, const QString& relativeFolder, int depth, bool inSkippedFolder)
     {
         if (depth > kMaxDepth) {
             m_result.errors.append({folder, QStringLiteral("Maximum scan depth exceeded")});
@@ -40,35 +43,40 @@ public:
         std::sort(entries.begin(), entries.end(),
                   [](const DirectoryEntry& a, const DirectoryEntry& b) { return a.name < b.name; });
         for (const DirectoryEntry& entry : entries)
-            visit(folder, relativeFolder, entry, depth);
+            visit(folder, relativeFolder, entry, depth, inSkippedFolder);
     }
 
     ScanResult take() { return std::move(m_result); }
 
 private:
-    void visit(const QString& folder, const QString& relativeFolder, const DirectoryEntry& entry,
-               int depth)
+    bool isSkipped(const DirectoryEntry& entry, int depth, bool inSkippedFolder) const
     {
-        const QString relative =
-            relativeFolder.isEmpty() ? entry.name : relativeFolder + QLatin1Char('/') + entry.name;
-        if (entry.kind == DirectoryEntry::Link ||
-            rootrules::isSkippedRelativePath(relative, m_deletedFolderName)) {
+        if (depth == 0)
+            return rootrules::isSkippedRelativePath(entry.name, m_deletedFolderName);
+        return inSkippedFolder || rootrules::isSkippedFileName(entry.name);
+    }
+
+    void visit(const QString& folder, const QString& relativeFolder, const DirectoryEntry& entry,
+               int depth, bool inSkippedFolder)
+    {
+        if (entry.kind == DirectoryEntry::Link || isSkipped(entry, depth, inSkippedFolder)) {
             ++m_result.skippedTemp;
             return;
         }
+        const QString relative =
+            relativeFolder.isEmpty() ? entry.name : relativeFolder + QLatin1Char('/') + entry.name;
         const QString path = folder + QLatin1Char('/') + entry.name;
         if (entry.kind == DirectoryEntry::Directory)
-            walk(path, relative, depth + 1);
+            walk(path, relative, depth + 1,
+                 inSkippedFolder || rootrules::isSkippedDirectoryName(entry.name));
         else if (entry.kind == DirectoryEntry::File)
             visitFile(path, relative, entry);
     }
 
+    // Lock files and partial downloads were skipped with the path rule already.
     void visitFile(const QString& path, const QString& relative, const DirectoryEntry& entry)
     {
-        const int dot = entry.name.lastIndexOf(QLatin1Char('.'));
-        const QString suffix = dot < 0 ? QString() : entry.name.mid(dot + 1);
-        if (!rootrules::isSupportedDocumentType(entry.name) ||
-            rootrules::isTemporarySuffix(suffix) || entry.name.startsWith(QLatin1String("~$"))) {
+        if (!rootrules::isSupportedDocumentType(entry.name)) {
             ++m_result.skippedTemp;
             return;
         }
@@ -79,7 +87,6 @@ private:
         m_result.files.append({path, relative, entry.name, entry.size, entry.modifiedMs});
     }
 
-    QString m_root;
     QString m_deletedFolderName;
     ScanResult m_result;
 };
@@ -98,8 +105,8 @@ ScanResult scanRoot(const QString& root, const QString& deletedFolderName)
         missing.errors.append({root, QStringLiteral("Local root does not exist")});
         return missing;
     }
-    Walker walker(root, deletedFolderName);
-    walker.walk(root, QString(), 0);
+    Walker walker(deletedFolderName);
+    walker.walk(root, QString(), 0, false);
     return walker.take();
 }
 

@@ -1,0 +1,79 @@
+#pragma once
+
+// Timing, reference tools and the BENCH line shared by the benchmarks.
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QString>
+#include <QStringList>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <utility>
+#include <vector>
+
+namespace benchsupport {
+
+inline double medianMs(std::vector<double> samples)
+{
+    std::sort(samples.begin(), samples.end());
+    return samples.at(samples.size() / 2);
+}
+
+inline double timedMs(const std::function<void()>& run)
+{
+    QElapsedTimer timer;
+    timer.start();
+    run();
+    return double(timer.nsecsElapsed()) / 1e6;
+}
+
+// Runs both sides once to warm caches, then `repetitions` times each, interleaved; `prepare`
+// runs untimed before every run of ours (to reset its state). Answers the two medians.
+inline std::pair<double, double> compare(const std::function<void()>& ours,
+                                         const std::function<void()>& reference,
+                                         int repetitions = 9,
+                                         const std::function<void()>& prepare = {})
+{
+    const auto runOurs = [&] {
+        if (prepare)
+            prepare();
+        return timedMs(ours);
+    };
+    runOurs();
+    reference();
+    std::vector<double> oursMs;
+    std::vector<double> referenceMs;
+    for (int i = 0; i < repetitions; ++i) {
+        oursMs.push_back(runOurs());
+        referenceMs.push_back(timedMs(reference));
+    }
+    return {medianMs(oursMs), medianMs(referenceMs)};
+}
+
+// Runs a command-line tool to completion. Timed runs discard the output; otherwise it is
+// answered.
+inline QByteArray runTool(const QString& program, const QStringList& arguments,
+                          bool keepOutput = false)
+{
+    QProcess process;
+    if (!keepOutput)
+        process.setStandardOutputFile(QProcess::nullDevice());
+    process.start(program, arguments);
+    if (!process.waitForFinished(600000) || process.exitStatus() != QProcess::NormalExit ||
+        process.exitCode() != 0)
+        qFatal("%s failed: %s", qPrintable(program), qPrintable(process.errorString()));
+    return keepOutput ? process.readAllStandardOutput() : QByteArray();
+}
+
+// Prints the figure's BENCH line; true when the ratio is within the target.
+inline bool report(const QString& name, double value, double reference, double target)
+{
+    const double ratio = value / reference;
+    std::printf("BENCH name=%s value=%.3f unit=ms reference=%.3f ratio=%.3f target=%.1f\n",
+                qPrintable(name), value, reference, ratio, target);
+    std::fflush(stdout);
+    return ratio <= target;
+}
+
+} // namespace benchsupport
