@@ -1,5 +1,9 @@
 #include "e2e/BrowserHarness.h"
 
+#include "ui/LocalRootWatch.h"
+
+#include <QSignalSpy>
+
 #include <QHttpServerResponse>
 #include <QJsonDocument>
 #include <QPointer>
@@ -110,13 +114,16 @@ bool AppWindow::open()
         return false;
     }
     m_window = std::make_unique<SignAppWindow>();
+    // The root watch reconciles once at start; tests begin after it, so its event reaches no
+    // test's page.
+    QSignalSpy firstRun(m_window->localRootWatch(), &LocalRootWatch::reconciled);
     m_page.page = host()->page();
     m_trust = host()->trustRule();
     m_handler = host()->messageHandler();
     m_window->setDesktopShell(&shell);
     m_window->show();
     // The window started loading in its constructor; the signal cannot have come yet.
-    return m_page.waitForLoad();
+    return m_page.waitForLoad() && (!firstRun.isEmpty() || firstRun.wait(kLoadTimeoutMs));
 }
 
 void AppWindow::close()

@@ -49,9 +49,13 @@ struct PageDriver
     bool load(const QUrl& url);
     bool waitForLoad(int timeoutMs = kLoadTimeoutMs);
     bool settle(); // everything queued to the page so far (answers, events) was dispatched
-    QJsonArray desktopEvents()
+    // The desktop events the page received, optionally only those whose type starts with
+    // `typePrefix`.
+    QJsonArray desktopEvents(const QString& typePrefix = {})
     {
-        return json("__events.filter(function (e) { return e && e.vantroSignDesktopEvent; })")
+        return json(QStringLiteral("__events.filter(function (e) { return e &&"
+                                   " e.vantroSignDesktopEvent && e.type.indexOf('%1') === 0; })")
+                        .arg(typePrefix))
             .toArray();
     }
     QJsonArray answers() { return json("__answers").toArray(); }
