@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <map>
 #include <utility>
 #include <vector>
 
@@ -74,6 +75,31 @@ inline bool report(const QString& name, double value, double reference, double t
                 qPrintable(name), value, reference, ratio, target);
     std::fflush(stdout);
     return ratio <= target;
+}
+
+// A figure: its highest acceptable ratio and how to measure it (ours, reference) in a fresh
+// workspace.
+template <typename Workspace> struct Figure
+{
+    double target;
+    std::function<std::pair<double, double>(Workspace&)> measure;
+};
+
+// Measures the figures named on the command line (all when none are), each in a workspace of
+// its own, and prints their BENCH lines; the exit status is 1 when a ratio is above its target.
+template <typename Workspace>
+int runFigures(const std::map<QString, Figure<Workspace>>& figures, const QStringList& wanted)
+{
+    int status = 0;
+    for (const auto& [name, figure] : figures) {
+        if (!wanted.isEmpty() && !wanted.contains(name))
+            continue;
+        Workspace workspace;
+        const auto [value, reference] = figure.measure(workspace);
+        if (!report(name, value, reference, figure.target))
+            status = 1;
+    }
+    return status;
 }
 
 } // namespace benchsupport

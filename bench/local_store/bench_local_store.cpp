@@ -218,12 +218,6 @@ std::pair<double, double> listDocuments(Workspace& ws)
     return result;
 }
 
-struct Figure
-{
-    double target; // highest acceptable ratio
-    std::function<std::pair<double, double>(Workspace&)> measure;
-};
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -231,20 +225,9 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     QLoggingCategory::setFilterRules(QStringLiteral("vantro.store.debug=false\n"
                                                     "vantro.store.info=false"));
-    const std::map<QString, Figure> figures{
-        {QStringLiteral("import_50mib_outside"), {1.3, importOutside}},
-        {QStringLiteral("import_50mib_inside"), {1.3, importInside}},
-        {QStringLiteral("list_documents_10k"), {2.0, listDocuments}},
-    };
-    const QStringList wanted = app.arguments().mid(1);
-    int status = 0;
-    for (const auto& [name, figure] : figures) {
-        if (!wanted.isEmpty() && !wanted.contains(name))
-            continue;
-        Workspace workspace;
-        const auto [value, reference] = figure.measure(workspace);
-        if (!benchsupport::report(name, value, reference, figure.target))
-            status = 1;
-    }
-    return status;
+    return benchsupport::runFigures<Workspace>(
+        {{QStringLiteral("import_50mib_outside"), {1.3, importOutside}},
+         {QStringLiteral("import_50mib_inside"), {1.3, importInside}},
+         {QStringLiteral("list_documents_10k"), {2.0, listDocuments}}},
+        app.arguments().mid(1));
 }

@@ -130,18 +130,8 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     QLoggingCategory::setFilterRules(QStringLiteral("vantro.store.debug=false\n"
                                                     "vantro.store.info=false"));
-    const std::map<QString, std::pair<double, std::function<std::pair<double, double>(Workspace&)>>>
-        figures{{QStringLiteral("reconcile_10k_cold"), {2.5, cold}},
-                {QStringLiteral("reconcile_10k_warm"), {3.0, warm}}};
-    const QStringList wanted = app.arguments().mid(1);
-    int status = 0;
-    for (const auto& [name, figure] : figures) {
-        if (!wanted.isEmpty() && !wanted.contains(name))
-            continue;
-        Workspace workspace;
-        const auto [value, reference] = figure.second(workspace);
-        if (!benchsupport::report(name, value, reference, figure.first))
-            status = 1;
-    }
-    return status;
+    return benchsupport::runFigures<Workspace>(
+        {{QStringLiteral("reconcile_10k_cold"), {2.5, cold}},
+         {QStringLiteral("reconcile_10k_warm"), {3.0, warm}}},
+        app.arguments().mid(1));
 }

@@ -267,10 +267,9 @@ QString LocalStore::createFileHandle(const QString& path)
 QString LocalStore::resolveFileHandle(const QString& handleId)
 {
     const QJsonObject row =
-        selectRow(QStringLiteral("SELECT path FROM local_file_handles WHERE id = ?"), {handleId});
-    if (row.isEmpty())
-        fail(QStringLiteral("VANTRO_SIGN_FILE_HANDLE_NOT_FOUND"),
-             QStringLiteral("Local file handle was not found."));
+        selectRequiredRow(QStringLiteral("SELECT path FROM local_file_handles WHERE id = ?"),
+                          {handleId}, QStringLiteral("VANTRO_SIGN_FILE_HANDLE_NOT_FOUND"),
+                          QStringLiteral("Local file handle was not found."));
     const QString path = row.value(QLatin1String("path")).toString();
     if (!rootrules::isPhysicallyInside(localRoot(), path))
         fail(QStringLiteral("VANTRO_SIGN_PATH_OUTSIDE_ROOT"), path);

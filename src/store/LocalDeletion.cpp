@@ -113,11 +113,9 @@ QString LocalDeletion::deletedTargetPath(const QString& path) const
 
 OrderedObject LocalStore::deleteDocument(const QString& documentId)
 {
-    const QJsonObject document =
-        selectRow(QStringLiteral("SELECT * FROM local_documents WHERE id = ?"), {documentId});
-    if (document.isEmpty())
-        fail(QStringLiteral("VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND"),
-             QStringLiteral("Local document was not found."));
+    selectRequiredRow(QStringLiteral("SELECT id FROM local_documents WHERE id = ?"), {documentId},
+                      QStringLiteral("VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND"),
+                      QStringLiteral("Local document was not found."));
     const LocalDeletion deletion(localRoot(), deleteSettings());
     QVariantList files;
     QSet<QString> seen;

@@ -241,6 +241,15 @@ QJsonObject LocalStore::selectRow(const QString& sql, const QVariantList& values
     return rows.isEmpty() ? QJsonObject() : rows.first();
 }
 
+QJsonObject LocalStore::selectRequiredRow(const QString& sql, const QVariantList& values,
+                                          const QString& code, const QString& message)
+{
+    const QJsonObject row = selectRow(sql, values);
+    if (row.isEmpty())
+        fail(code, message);
+    return row;
+}
+
 int LocalStore::execute(const QString& sql, const QVariantList& values)
 {
     QSqlQuery& query = run(sql, values);

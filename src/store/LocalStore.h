@@ -156,6 +156,9 @@ public:
                     const std::function<void(const QSqlQuery&)>& onRow);
     QList<QJsonObject> selectRows(const QString& sql, const QVariantList& values = {});
     QJsonObject selectRow(const QString& sql, const QVariantList& values = {});
+    // The row, or a failure "code: message" when there is none.
+    QJsonObject selectRequiredRow(const QString& sql, const QVariantList& values,
+                                  const QString& code, const QString& message = {});
     // Answers the number of rows changed.
     int execute(const QString& sql, const QVariantList& values = {});
 

@@ -280,9 +280,8 @@ QJsonObject LocalStore::updateJob(const QString& jobId, const QVariantMap& patch
 {
     const QString select = QStringLiteral("SELECT * FROM local_jobs WHERE id = ?");
     StoreTransaction transaction(*this);
-    const QJsonObject stored = selectRow(select, {jobId});
-    if (stored.isEmpty())
-        fail(QStringLiteral("VANTRO_SIGN_LOCAL_JOB_NOT_FOUND"));
+    const QJsonObject stored =
+        selectRequiredRow(select, {jobId}, QStringLiteral("VANTRO_SIGN_LOCAL_JOB_NOT_FOUND"));
     execute(QStringLiteral("UPDATE local_jobs SET status = ?, server_job_id = ?, "
                            "server_document_id = ?, result_version_id = ?, error = ?, updated_at "
                            "= ? WHERE id = ?"),
@@ -371,9 +370,8 @@ QJsonObject LocalStore::updateMirrorItem(const QString& id, const QVariantMap& p
 {
     const QString select = QStringLiteral("SELECT * FROM mirror_queue WHERE id = ?");
     StoreTransaction transaction(*this);
-    const QJsonObject stored = selectRow(select, {id});
-    if (stored.isEmpty())
-        fail(QStringLiteral("VANTRO_SIGN_MIRROR_QUEUE_ITEM_NOT_FOUND"));
+    const QJsonObject stored =
+        selectRequiredRow(select, {id}, QStringLiteral("VANTRO_SIGN_MIRROR_QUEUE_ITEM_NOT_FOUND"));
     const qint64 attempts = stored.value(QLatin1String("attempts")).toInteger() +
                             (patch.value(QStringLiteral("incrementAttempts")).toBool() ? 1 : 0);
     execute(QStringLiteral("UPDATE mirror_queue SET status = ?, local_version_id = ?, local_path = "

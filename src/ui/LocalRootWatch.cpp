@@ -104,23 +104,27 @@ void LocalRootWatch::finished(const WatchRunOutcome& outcome)
         changed();
 }
 
+namespace {
+// The entries of `list` that `other` lacks, in their order.
+QStringList missingFrom(const QStringList& list, const QStringList& other)
+{
+    const QSet<QString> present(other.begin(), other.end());
+    QStringList missing;
+    for (const QString& item : list) {
+        if (!present.contains(item))
+            missing << item;
+    }
+    return missing;
+}
+} // namespace
+
 void LocalRootWatch::watchFolders(const QStringList& folders)
 {
     const QStringList current = m_watcher.directories();
-    const QSet<QString> wanted(folders.begin(), folders.end());
-    QStringList gone;
-    for (const QString& folder : current) {
-        if (!wanted.contains(folder))
-            gone << folder;
-    }
+    const QStringList gone = missingFrom(current, folders);
+    const QStringList added = missingFrom(folders, current);
     if (!gone.isEmpty())
         m_watcher.removePaths(gone);
-    const QSet<QString> have(current.begin(), current.end());
-    QStringList added;
-    for (const QString& folder : folders) {
-        if (!have.contains(folder))
-            added << folder;
-    }
     if (!added.isEmpty())
         m_watcher.addPaths(added);
 }

@@ -102,6 +102,25 @@ private:
     AppState m_state{m_dir.filePath(QStringLiteral("device.json"))};
 };
 
+// A fresh fixture and a store on it for each test: init() calls renew(), cleanup() clear();
+// the store's connection closes before its directory goes.
+struct StoreCase
+{
+    std::unique_ptr<StoreFixture> fx;
+    std::unique_ptr<LocalStore> store;
+    void renew()
+    {
+        clear();
+        fx = std::make_unique<StoreFixture>();
+        store = fx->makeStore();
+    }
+    void clear()
+    {
+        store.reset();
+        fx.reset();
+    }
+};
+
 inline LocalFileDescriptor fileNamed(const QString& name)
 {
     return {"/root/" + name, name, name, name.section('.', 0, 0), 1234, "c", "application/pdf"};

@@ -25,20 +25,20 @@ QVariantMap adocEntry(const QString& name, const QByteArray& content, const QStr
 class LocalArtifactsTest : public QObject
 {
     Q_OBJECT
-    std::unique_ptr<StoreFixture> m_fx;
-    std::unique_ptr<LocalStore> m_store;
+    StoreCase m_case;
 
-    QString put(const QString& relative) { return m_fx->writeFile("root/" + relative); }
+    QString put(const QString& relative) { return m_case.fx->writeFile("root/" + relative); }
     QStringList rootEntries() const
     {
-        return QDir(m_fx->root()).entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
+        return QDir(m_case.fx->root())
+            .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::Hidden);
     }
     // status, then source|reason of each unresolved candidate, or the found source and path.
     QString resolve(const QString& artifactId, const QString& serverVersionId = {},
                     const QString& serverDocumentId = {}, const QString& expected = {})
     {
-        const OrderedObject status =
-            m_store->localArtifactStatus(artifactId, serverVersionId, serverDocumentId, expected);
+        const OrderedObject status = m_case.store->localArtifactStatus(artifactId, serverVersionId,
+                                                                       serverDocumentId, expected);
         QStringList out{status.value("status").toString()};
         if (status.contains("resolutionSource"))
             out << status.value("resolutionSource").toString()
@@ -50,16 +50,8 @@ class LocalArtifactsTest : public QObject
     }
 
 private Q_SLOTS:
-    void init()
-    {
-        m_fx = std::make_unique<StoreFixture>();
-        m_store = m_fx->makeStore();
-    }
-    void cleanup()
-    {
-        m_store.reset();
-        m_fx.reset();
-    }
+    void init() { m_case.renew(); }
+    void cleanup() { m_case.clear(); }
 
     // The sources in their order: each that has a row but no usable file is listed with its
     // reason and the next is asked.
@@ -67,17 +59,18 @@ private Q_SLOTS:
     {
         QCOMPARE(resolve({}), "UNKNOWN");
         QCOMPARE(resolve("art"), "UNKNOWN");
-        const QString outside = m_fx->writeFile("outside.pdf");
-        m_store->upsertLocalArtifact({{"artifactId", "art"}, {"path", outside}});
-        const QString doc = fields(m_store->importFile(put("Originalai/a.pdf")), "documentId");
-        m_store->enqueueMirrorItem({{"artifactId", "art"}, {"localDocumentId", doc}});
-        m_store->updateMirrorItem("art", {{"local_path", m_fx->inRoot("Pasirasyta/gone.pdf")}});
-        m_store->addVersion({{"id", "v-signed"},
-                             {"documentId", doc},
-                             {"serverDocumentId", "S"},
-                             {"serverVersionId", "SV"},
-                             {"kind", "SIGNED"},
-                             {"path", put("Pasirasyta/a-signed.pdf")}});
+        const QString outside = m_case.fx->writeFile("outside.pdf");
+        m_case.store->upsertLocalArtifact({{"artifactId", "art"}, {"path", outside}});
+        const QString doc = fields(m_case.store->importFile(put("Originalai/a.pdf")), "documentId");
+        m_case.store->enqueueMirrorItem({{"artifactId", "art"}, {"localDocumentId", doc}});
+        m_case.store->updateMirrorItem("art",
+                                       {{"local_path", m_case.fx->inRoot("Pasirasyta/gone.pdf")}});
+        m_case.store->addVersion({{"id", "v-signed"},
+                                  {"documentId", doc},
+                                  {"serverDocumentId", "S"},
+                                  {"serverVersionId", "SV"},
+                                  {"kind", "SIGNED"},
+                                  {"path", put("Pasirasyta/a-signed.pdf")}});
         // A found file answers with its source only; the earlier sources had nothing usable.
         QCOMPARE(resolve("art", "SV", "S"), "LOCAL|server_version|Pasirasyta/a-signed.pdf");
         // An empty service version id accepts the document's current version, whichever it is.
@@ -87,45 +80,47 @@ private Q_SLOTS:
                  "expected_relative_path:OUTSIDE_LOCAL_ROOT");
         QCOMPARE(resolve("art", "other", "S", "Originalai/a.pdf"),
                  "LOCAL|expected_relative_path|Originalai/a.pdf");
-        m_store->upsertLocalArtifact({{"artifactId", "art"}, {"path", put("exact.pdf")}});
+        m_case.store->upsertLocalArtifact({{"artifactId", "art"}, {"path", put("exact.pdf")}});
         QCOMPARE(resolve("art", "SV", "S"), "LOCAL|local_artifact|exact.pdf");
     }
 
     // One artifact, or all of a document's, by the deletion policy; the rows go with them.
     void removal()
     {
-        m_fx->state()->setLocalDeleteSettings({{"deletedFileAction", "delete_permanently"}});
-        m_store->upsertLocalArtifact(
+        m_case.fx->state()->setLocalDeleteSettings({{"deletedFileAction", "delete_permanently"}});
+        m_case.store->upsertLocalArtifact(
             {{"artifactId", "a1"}, {"path", put("a1.pdf")}, {"documentId", "D"}});
-        m_store->upsertLocalArtifact(
-            {{"artifactId", "a2"}, {"path", m_fx->inRoot("gone.pdf")}, {"documentId", "D"}});
-        m_store->upsertLocalArtifact({{"artifactId", "lone"}, {"path", put("lone.pdf")}});
-        m_store->upsertLocalArtifact({{"artifactId", "other"}, {"path", put("other.pdf")}});
-        const OrderedObject one = m_store->removeLocalArtifacts({}, "lone");
+        m_case.store->upsertLocalArtifact(
+            {{"artifactId", "a2"}, {"path", m_case.fx->inRoot("gone.pdf")}, {"documentId", "D"}});
+        m_case.store->upsertLocalArtifact({{"artifactId", "lone"}, {"path", put("lone.pdf")}});
+        m_case.store->upsertLocalArtifact({{"artifactId", "other"}, {"path", put("other.pdf")}});
+        const OrderedObject one = m_case.store->removeLocalArtifacts({}, "lone");
         QCOMPARE(QString(one.toJson()).section(",\"artifacts\"", 0, 0),
                  R"({"removed":1,"movedToDeleted":0,"kept":0,"missing":0)");
-        QVERIFY(QFileInfo::exists(m_fx->inRoot("other.pdf"))); // no sweep of document-less rows
-        const OrderedObject document = m_store->removeLocalArtifacts("D", "");
+        QVERIFY(
+            QFileInfo::exists(m_case.fx->inRoot("other.pdf"))); // no sweep of document-less rows
+        const OrderedObject document = m_case.store->removeLocalArtifacts("D", "");
         QCOMPARE(QString(document.toJson()).section(",\"artifacts\"", 0, 0),
                  R"({"removed":1,"movedToDeleted":0,"kept":0,"missing":1)");
-        QCOMPARE(RawDatabase(m_fx->dbPath()).run("SELECT artifact_id FROM local_artifacts"),
+        QCOMPARE(RawDatabase(m_case.fx->dbPath()).run("SELECT artifact_id FROM local_artifacts"),
                  QStringList{"other"});
     }
 
     void fileHandles()
     {
         const QString path = put("a.pdf");
-        const QString handle = m_store->createFileHandle(path);
-        QCOMPARE(m_store->resolveFileHandle(handle), path);
+        const QString handle = m_case.store->createFileHandle(path);
+        QCOMPARE(m_case.store->resolveFileHandle(handle), path);
         QCOMPARE(
-            QString(m_store->hashFileHandle(handle).toJson()),
+            QString(m_case.store->hashFileHandle(handle).toJson()),
             QString(R"({"path":"%1","name":"a.pdf","sha256":"%2"})").arg(path, sha256File(path)));
-        QCOMPARE(codeOf([&] { m_store->resolveFileHandle("nope"); }),
+        QCOMPARE(codeOf([&] { m_case.store->resolveFileHandle("nope"); }),
                  "VANTRO_SIGN_FILE_HANDLE_NOT_FOUND");
         // A row edited to point out of the root is refused, not followed.
-        RawDatabase(m_fx->dbPath())
-            .run("UPDATE local_file_handles SET path = ?", {m_fx->writeFile("outside.pdf")});
-        QCOMPARE(codeOf([&] { m_store->hashFileHandle(handle); }), "VANTRO_SIGN_PATH_OUTSIDE_ROOT");
+        RawDatabase(m_case.fx->dbPath())
+            .run("UPDATE local_file_handles SET path = ?", {m_case.fx->writeFile("outside.pdf")});
+        QCOMPARE(codeOf([&] { m_case.store->hashFileHandle(handle); }),
+                 "VANTRO_SIGN_PATH_OUTSIDE_ROOT");
     }
 
     // Every refusal writes nothing, also when the refused entry comes after good ones.
@@ -155,9 +150,9 @@ private Q_SLOTS:
     void adocRefusals()
     {
         QFETCH(QVariant, files);
-        QTEST(codeOf([&] { m_store->extractAdocFiles({{"files", files}}); }), "code");
+        QTEST(codeOf([&] { m_case.store->extractAdocFiles({{"files", files}}); }), "code");
         QVERIFY(rootEntries().isEmpty());
-        QVERIFY(!QFileInfo::exists(m_fx->path("x.pdf")) && !QFileInfo::exists("/etc/x.pdf"));
+        QVERIFY(!QFileInfo::exists(m_case.fx->path("x.pdf")) && !QFileInfo::exists("/etc/x.pdf"));
     }
 
     void adocExtraction()
@@ -166,19 +161,19 @@ private Q_SLOTS:
         const QVariantList files{adocEntry("Sutartis.pdf", content, sha256Hex(content).toUpper()),
                                  adocEntry(" Sutartis.pdf ", content), adocEntry(QString(), "x"),
                                  adocEntry("a<b>.pdf", "y")};
-        const OrderedObject result = m_store->extractAdocFiles({{"files", files}});
-        QCOMPARE(result.value("root").toString(), m_fx->root());
+        const OrderedObject result = m_case.store->extractAdocFiles({{"files", files}});
+        QCOMPARE(result.value("root").toString(), m_case.fx->root());
         QStringList written;
         for (const QVariant& file : result.value("files").toList()) {
             const OrderedObject item = file.value<OrderedObject>();
             QCOMPARE(item.keys().join(' '), "name size sha256 relativePath mimeType localFileId");
             written << item.value("relativePath").toString();
-            QCOMPARE(m_store->resolveFileHandle(item.value("localFileId").toString()),
-                     m_fx->inRoot(item.value("name").toString()));
+            QCOMPARE(m_case.store->resolveFileHandle(item.value("localFileId").toString()),
+                     m_case.fx->inRoot(item.value("name").toString()));
         }
         QCOMPARE(written,
                  (QStringList{"Sutartis.pdf", "Sutartis_2.pdf", "dokumentas.pdf", "a_b_.pdf"}));
-        QFile second(m_fx->inRoot("Sutartis_2.pdf"));
+        QFile second(m_case.fx->inRoot("Sutartis_2.pdf"));
         QVERIFY(second.open(QIODevice::ReadOnly));
         QCOMPARE(second.readAll(), content);
     }

@@ -40,18 +40,17 @@ QString items(const OrderedObject& summary, const char* list, const char* keys)
 class ReconcileTest : public QObject
 {
     Q_OBJECT
-    std::unique_ptr<StoreFixture> m_fx;
-    std::unique_ptr<LocalStore> m_store;
+    StoreCase m_case;
 
     OrderedObject run(const QDateTime& now = kT0)
     {
-        LocalRootReconciler reconciler(*m_store);
+        LocalRootReconciler reconciler(*m_case.store);
         reconciler.setNow(now);
         return reconciler.run();
     }
     QString put(const QString& relative, const QByteArray& content)
     {
-        const QString path = m_fx->inRoot(relative);
+        const QString path = m_case.fx->inRoot(relative);
         QDir().mkpath(QFileInfo(path).absolutePath());
         QFile file(path);
         if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
@@ -59,19 +58,14 @@ class ReconcileTest : public QObject
             qFatal("cannot write %s", qPrintable(path));
         return path;
     }
-    QString sql(const QString& statement) { return RawDatabase(m_fx->dbPath()).scalar(statement); }
+    QString sql(const QString& statement)
+    {
+        return RawDatabase(m_case.fx->dbPath()).scalar(statement);
+    }
 
 private Q_SLOTS:
-    void init()
-    {
-        m_fx = std::make_unique<StoreFixture>();
-        m_store = m_fx->makeStore();
-    }
-    void cleanup()
-    {
-        m_store.reset();
-        m_fx.reset();
-    }
+    void init() { m_case.renew(); }
+    void cleanup() { m_case.clear(); }
 
     // A folder of mixed files: only documents are imported, the rest counted by kind, and a
     // second run changes nothing.
@@ -87,11 +81,11 @@ private Q_SLOTS:
         put("Istrinta/d.pdf", "deleted");
         put("notes.xyz", "other type");
         put("Klientai/Pasirasyta/k.pdf", "a client's folder of that name is scanned");
-        QVERIFY(QFile::link(m_fx->inRoot("Sutartis.pdf"), m_fx->inRoot("link.pdf")));
+        QVERIFY(QFile::link(m_case.fx->inRoot("Sutartis.pdf"), m_case.fx->inRoot("link.pdf")));
         const OrderedObject first = run();
         QCOMPARE(first.keys().join(' '), "root imported renamed restored missing purged "
                                          "skippedTemp skippedPlaceholders errors");
-        QCOMPARE(first.value("root").toString(), m_fx->root());
+        QCOMPARE(first.value("root").toString(), m_case.fx->root());
         QCOMPARE(items(first, "imported", "relativePath title serverDocumentId"),
                  "Klientai/Pasirasyta/k.pdf|k|;Projektai/Aktas.docx|Aktas|;Sutartis.pdf|Sutartis|");
         // Istrinta, Pasirasyta, the partial download, cache/x.pdf, the link, notes.xyz, ~$ lock
@@ -102,20 +96,20 @@ private Q_SLOTS:
         const OrderedObject second = run(kT0.addSecs(60));
         for (const char* key : {"imported", "renamed", "restored", "missing", "errors"})
             QVERIFY2(list(second, key).isEmpty(), key);
-        QCOMPARE(m_store->listDocuments({}).size(), 3);
+        QCOMPARE(m_case.store->listDocuments({}).size(), 3);
     }
 
     void renameIsFollowedByContent()
     {
         const QString before = put("Sutartis.pdf", "contract");
         run();
-        QVERIFY(QDir().mkpath(m_fx->inRoot("Sutartys")));
-        QVERIFY(QFile::rename(before, m_fx->inRoot("Sutartys/Sutartis-final.pdf")));
+        QVERIFY(QDir().mkpath(m_case.fx->inRoot("Sutartys")));
+        QVERIFY(QFile::rename(before, m_case.fx->inRoot("Sutartys/Sutartis-final.pdf")));
         const OrderedObject summary = run(kT0.addSecs(60));
         QCOMPARE(items(summary, "renamed", "relativePath previousRelativePath title cloudState"),
                  "Sutartys/Sutartis-final.pdf|Sutartis.pdf|Sutartis-final|LOCAL");
         QVERIFY(list(summary, "imported").isEmpty() && list(summary, "missing").isEmpty());
-        const QJsonObject document = m_store->listDocuments({})[0].toObject();
+        const QJsonObject document = m_case.store->listDocuments({})[0].toObject();
         QCOMPARE(fields(document, "title original_name"), "Sutartis-final|Sutartis-final.pdf");
         QCOMPARE(fields(document["current_version"].toObject(), "relative_path"),
                  "Sutartys/Sutartis-final.pdf");
@@ -141,9 +135,9 @@ private Q_SLOTS:
         QFETCH(QString, cloudState);
         const QString path = put("Sutartis.pdf", "contract");
         run();
-        const QString id = fields(m_store->listDocuments({})[0].toObject(), "id");
+        const QString id = fields(m_case.store->listDocuments({})[0].toObject(), "id");
         if (!serverId.isEmpty())
-            RawDatabase(m_fx->dbPath())
+            RawDatabase(m_case.fx->dbPath())
                 .run("UPDATE local_documents SET server_document_id = ?", {serverId});
         QVERIFY(QFile::remove(path));
         const OrderedObject missing = run(kT0);
@@ -151,20 +145,20 @@ private Q_SLOTS:
                        "documentId serverDocumentId missingSince purgeAfter "
                        "cloudState"),
                  QStringList({id, serverId, iso(kT0), iso(kT0.addDays(30)), cloudState}).join('|'));
-        QVERIFY(m_store->listDocuments({}).isEmpty());           // hidden from the default list
+        QVERIFY(m_case.store->listDocuments({}).isEmpty());      // hidden from the default list
         QVERIFY(list(run(kT0.addSecs(1)), "missing").isEmpty()); // marked once only
 
         put("Sutartis.pdf", "contract");
         QCOMPARE(items(run(kT0.addDays(1)), "restored", "documentId relativePath cloudState"),
                  id + "|Sutartis.pdf|LOCAL");
-        QTEST(fields(m_store->getDocument(id), "status local_state"), "restoredAs");
-        QCOMPARE(fields(m_store->getDocument(id), "missing_since purge_after"), "~|~");
+        QTEST(fields(m_case.store->getDocument(id), "status local_state"), "restoredAs");
+        QCOMPARE(fields(m_case.store->getDocument(id), "missing_since purge_after"), "~|~");
 
         QVERIFY(QFile::remove(path));
         run(kT0);
         QCOMPARE(run(kT0.addDays(30).addMSecs(-1)).value("purged").toInt(), 0);
         QCOMPARE(run(kT0.addDays(30)).value("purged").toInt(), 1);
-        QVERIFY(m_store->getDocument(id).isEmpty());
+        QVERIFY(m_case.store->getDocument(id).isEmpty());
         QCOMPARE(sql("SELECT COUNT(*) FROM local_versions"), "0"); // versions go with it
     }
 
@@ -191,20 +185,20 @@ private Q_SLOTS:
             relative += QStringLiteral("d%1/").arg(depth);
             put(relative + QStringLiteral("f%1.pdf").arg(depth), QByteArray::number(depth));
         }
-        QVERIFY(QFile::link(m_fx->root(), m_fx->inRoot("d1/loop")));
+        QVERIFY(QFile::link(m_case.fx->root(), m_case.fx->inRoot("d1/loop")));
         const OrderedObject summary = run();
         QCOMPARE(items(summary, "errors", "path message"),
-                 m_fx->inRoot(relative.chopped(1)) + "|Maximum scan depth exceeded");
+                 m_case.fx->inRoot(relative.chopped(1)) + "|Maximum scan depth exceeded");
         QCOMPARE(list(summary, "imported").size(), 64);
         QCOMPARE(summary.value("skippedTemp").toInt(), 1); // the link, not followed
     }
 
     void missingRootIsAnError()
     {
-        QVERIFY(QDir(m_fx->root()).removeRecursively());
+        QVERIFY(QDir(m_case.fx->root()).removeRecursively());
         const OrderedObject summary = run();
         QCOMPARE(items(summary, "errors", "path message"),
-                 m_fx->root() + "|Local root does not exist");
+                 m_case.fx->root() + "|Local root does not exist");
     }
 
     // Unchanged files keep their cached hash (a planted value proves it is not recomputed), a
@@ -215,7 +209,7 @@ private Q_SLOTS:
         const QString edited = put("edited.pdf", "two");
         const QString removed = put("removed.txt", "three");
         run();
-        RawDatabase raw(m_fx->dbPath());
+        RawDatabase raw(m_case.fx->dbPath());
         QCOMPARE(raw.count("local_file_hash_cache"), 3);
         const QString planted(64, 'a');
         raw.run("UPDATE local_file_hash_cache SET sha256 = ? WHERE path = ?", {planted, kept});
@@ -227,10 +221,11 @@ private Q_SLOTS:
         QVERIFY(QFile::remove(removed));
         QVERIFY(QFile::remove(kept)); // kept's document is now missing, with its recorded hash
         put("moved/kept.pdf", "one");
-        RawDatabase(m_fx->dbPath())
+        RawDatabase(m_case.fx->dbPath())
             .run("INSERT INTO local_file_hash_cache VALUES (?, ?, 3, ?, ?, 'x')",
-                 {m_fx->inRoot("moved/kept.pdf").toLower(), m_fx->inRoot("moved/kept.pdf"),
-                  QFileInfo(m_fx->inRoot("moved/kept.pdf"))
+                 {m_case.fx->inRoot("moved/kept.pdf").toLower(),
+                  m_case.fx->inRoot("moved/kept.pdf"),
+                  QFileInfo(m_case.fx->inRoot("moved/kept.pdf"))
                       .fileTime(QFileDevice::FileModificationTime)
                       .toMSecsSinceEpoch(),
                   planted});
@@ -238,7 +233,7 @@ private Q_SLOTS:
         // The planted hash matches no document: the moved file counts as new, not as a rename.
         QCOMPARE(items(summary, "imported", "relativePath"), "moved/kept.pdf");
         QCOMPARE(raw.run("SELECT path FROM local_file_hash_cache ORDER BY path"),
-                 (QStringList{edited, m_fx->inRoot("moved/kept.pdf")}));
+                 (QStringList{edited, m_case.fx->inRoot("moved/kept.pdf")}));
         QCOMPARE(
             raw.scalar("SELECT sha256 FROM local_file_hash_cache WHERE path = '" + edited + "'"),
             sha256Hex("TWO"));
