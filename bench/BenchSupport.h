@@ -1,7 +1,9 @@
 #pragma once
 
 // Timing, reference tools and the BENCH line shared by the benchmarks.
+#include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QLoggingCategory>
 #include <QProcess>
 #include <QString>
 #include <QStringList>
@@ -86,10 +88,15 @@ template <typename Workspace> struct Figure
 };
 
 // Measures the figures named on the command line (all when none are), each in a workspace of
-// its own, and prints their BENCH lines; the exit status is 1 when a ratio is above its target.
+// its own, with the store's own logging quiet, and prints their BENCH lines; the exit status is
+// 1 when a ratio is above its target.
 template <typename Workspace>
-int runFigures(const std::map<QString, Figure<Workspace>>& figures, const QStringList& wanted)
+int runFigures(int argc, char** argv, const std::map<QString, Figure<Workspace>>& figures)
 {
+    QCoreApplication app(argc, argv);
+    QLoggingCategory::setFilterRules(QStringLiteral("vantro.store.debug=false\n"
+                                                    "vantro.store.info=false"));
+    const QStringList wanted = app.arguments().mid(1);
     int status = 0;
     for (const auto& [name, figure] : figures) {
         if (!wanted.isEmpty() && !wanted.contains(name))

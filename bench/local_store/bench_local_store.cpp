@@ -10,13 +10,11 @@
 #include "BenchSupport.h"
 #include "store/LocalStore.h"
 
-#include <QCoreApplication>
 #include <QCryptographicHash>
 #include <QDir>
 #include <QElapsedTimer>
 #include <QFile>
 #include <QJsonDocument>
-#include <QLoggingCategory>
 #include <QProcess>
 #include <QRandomGenerator>
 #include <QSqlDatabase>
@@ -222,12 +220,9 @@ std::pair<double, double> listDocuments(Workspace& ws)
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
-    QLoggingCategory::setFilterRules(QStringLiteral("vantro.store.debug=false\n"
-                                                    "vantro.store.info=false"));
     return benchsupport::runFigures<Workspace>(
+        argc, argv,
         {{QStringLiteral("import_50mib_outside"), {1.3, importOutside}},
          {QStringLiteral("import_50mib_inside"), {1.3, importInside}},
-         {QStringLiteral("list_documents_10k"), {2.0, listDocuments}}},
-        app.arguments().mid(1));
+         {QStringLiteral("list_documents_10k"), {2.0, listDocuments}}});
 }

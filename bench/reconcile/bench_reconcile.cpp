@@ -8,10 +8,8 @@
 #include "BenchSupport.h"
 #include "store/LocalStore.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
-#include <QLoggingCategory>
 #include <QRandomGenerator>
 #include <QTemporaryDir>
 
@@ -127,11 +125,8 @@ std::pair<double, double> warm(Workspace& ws)
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
-    QLoggingCategory::setFilterRules(QStringLiteral("vantro.store.debug=false\n"
-                                                    "vantro.store.info=false"));
     return benchsupport::runFigures<Workspace>(
+        argc, argv,
         {{QStringLiteral("reconcile_10k_cold"), {2.5, cold}},
-         {QStringLiteral("reconcile_10k_warm"), {3.0, warm}}},
-        app.arguments().mid(1));
+         {QStringLiteral("reconcile_10k_warm"), {3.0, warm}}});
 }

@@ -11,10 +11,12 @@
 
 #include <QCoreApplication>
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QFileInfo>
 #include <QMutexLocker>
 #include <QPair>
 #include <QSet>
+#include <QThread>
 #include <QUrl>
 
 #include <atomic>
@@ -194,6 +196,17 @@ bool DesktopBridge::runExclusive(const std::function<void()>& work)
         return false;
     work();
     return true;
+}
+
+void DesktopBridge::runExclusiveWhenFree(const std::function<void()>& work, int timeoutMs)
+{
+    constexpr unsigned long kPollMs = 50;
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!runExclusive(work)) {
+        if (deadline.hasExpired())
+            fail(QStringLiteral("VANTRO_SIGN_BRIDGE_BUSY"), QString::fromLatin1(kBusyMessage));
+        QThread::msleep(kPollMs);
+    }
 }
 
 bool DesktopBridge::isAsynchronous(const QString& method)

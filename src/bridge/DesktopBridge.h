@@ -39,6 +39,9 @@ public:
     // without running it, while another exclusive call holds the flag. For work the window starts
     // by itself (the root watch, queue retries), which waits for its next turn instead.
     static bool runExclusive(const std::function<void()>& work);
+    // Runs `work` holding the flag as soon as it is free, polling; throws the busy error when it
+    // stays held for `timeoutMs`. For work that must not be dropped (files the user dropped).
+    static void runExclusiveWhenFree(const std::function<void()>& work, int timeoutMs);
 
     static bool isAsynchronous(const QString& method);
     static bool isExclusive(const QString& method);

@@ -5,7 +5,6 @@
 #include "bridge/BridgeLogging.h"
 #include "bridge/DesktopBridge.h"
 #include "bridge/DesktopShell.h"
-#include "bridge/LocalRootMethods.h"
 #include "platform/FileManager.h"
 #include "store/LocalStore.h"
 
@@ -45,8 +44,7 @@ OrderedObject openLocalArtifactFolder(DesktopBridge& bridge, const QVariantList&
 {
     const OrderedObject status = artifactStatus(bridge, args);
     const QString path = status.value(QStringLiteral("path")).toString();
-    if (status.value(QStringLiteral("status")).toString() != QLatin1String("LOCAL") ||
-        !QFileInfo(path).isFile())
+    if (status.value(QStringLiteral("status")).toString() != QLatin1String("LOCAL"))
         return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_LOCAL_ARTIFACT_NOT_AVAILABLE"),
                                     QStringLiteral("The exact local artifact is not available."));
     const platform::RevealOutcome reveal = platform::revealSelected(path);

@@ -23,8 +23,7 @@ OrderedObject outsideRoot()
         QStringLiteral("Requested folder is outside the Vantro Sign local root."));
 }
 
-} // namespace
-
+// Opens a folder with the desktop's default handler: {opened, path}.
 OrderedObject openFolder(DesktopBridge& bridge, const QString& path)
 {
     const bool opened = bridge.desktopShell()->openUrl(QUrl::fromLocalFile(path));
@@ -35,6 +34,8 @@ OrderedObject openFolder(DesktopBridge& bridge, const QString& path)
         {QStringLiteral("path"),
          path}}.toVariant());
 }
+
+} // namespace
 
 // The summary goes to the page under `summary`; the completion hook sends it on as the
 // reconciled event.

@@ -17,8 +17,5 @@ OrderedObject deleteLocalDocument(DesktopBridge& bridge, const QVariantList& arg
 OrderedObject openLocalRoot(DesktopBridge& bridge, const QVariantList& args);
 OrderedObject openLocalFolder(DesktopBridge& bridge, const QVariantList& args);
 
-// Opens a folder with the desktop's default handler: {opened, path}.
-OrderedObject openFolder(DesktopBridge& bridge, const QString& path);
-
 } // namespace localrootmethods
 } // namespace vantro

@@ -2,7 +2,6 @@
 // Each other family's handlers live in a file of their own beside this one (LocalRootMethods,
 // LocalFileMethods); the work itself is in the subsystem's folder.
 #include "app/AppState.h"
-#include "app/Errors.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeDispatch.h"
 #include "bridge/BridgeLogging.h"
@@ -13,9 +12,6 @@
 #include "store/LocalStore.h"
 #include "store/RootRules.h"
 
-#include <QDir>
-#include <QFileInfo>
-#include <QUrl>
 
 namespace vantro {
 

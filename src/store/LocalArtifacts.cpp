@@ -12,6 +12,8 @@
 #include <QRegularExpression>
 #include <QSaveFile>
 
+#include <functional>
+
 namespace vantro {
 
 using storesql::newId;
@@ -188,35 +190,52 @@ OrderedObject LocalStore::localArtifactStatus(const QString& artifactId,
                              {QStringLiteral("status"), QStringLiteral("UNKNOWN")}};
     const QString root = localRoot();
     ArtifactResolution resolution(root, artifactId);
-    // Each source is asked only while nothing usable was found; empty ids look nothing up.
-    const auto tryRow = [&](const char* source, const QJsonObject& row, const char* pathKey,
-                            const char* kindKey) {
-        return !row.isEmpty() && resolution.offer(candidateFrom(source, row, pathKey, kindKey));
+    struct Source
+    {
+        const char* name;
+        bool asked; // an empty id looks nothing up
+        std::function<QJsonObject()> row;
+        const char* pathKey;
+        const char* kindKey;
     };
-    const bool found =
-        (!artifactId.isEmpty() &&
-         (tryRow("local_artifact",
-                 selectRow(QStringLiteral("SELECT * FROM local_artifacts WHERE artifact_id = ?"),
-                           {artifactId}),
-                 "path", "kind") ||
-          tryRow("mirror_queue", getMirrorItem(artifactId), "local_path", "output_kind"))) ||
-        (!serverVersionId.isEmpty() &&
-         tryRow("server_version",
-                selectRow(QStringLiteral("SELECT path, relative_path, kind FROM local_versions "
-                                         "WHERE server_version_id = ? ORDER BY created_at DESC "
-                                         "LIMIT 1"),
-                          {serverVersionId}),
-                "path", "kind")) ||
-        (!serverDocumentId.isEmpty() &&
-         tryRow("server_document",
-                selectRow(QStringLiteral(
-                              "SELECT v.path, v.relative_path, v.kind FROM local_documents d JOIN "
-                              "local_versions v ON v.id = d.current_version_id WHERE "
-                              "d.server_document_id = ? AND (? = '' OR v.server_version_id = ?) "
-                              "ORDER BY d.updated_at DESC LIMIT 1"),
-                          {serverDocumentId, serverVersionId, serverVersionId}),
-                "path", "kind"));
-    if (!found && !expectedRelativePath.trimmed().isEmpty())
+    const Source sources[] = {
+        {"local_artifact", !artifactId.isEmpty(),
+         [&] {
+             return selectRow(QStringLiteral("SELECT * FROM local_artifacts WHERE artifact_id = ?"),
+                              {artifactId});
+         },
+         "path", "kind"},
+        {"mirror_queue", !artifactId.isEmpty(), [&] { return getMirrorItem(artifactId); },
+         "local_path", "output_kind"},
+        {"server_version", !serverVersionId.isEmpty(),
+         [&] {
+             return selectRow(QStringLiteral("SELECT path, relative_path, kind FROM "
+                                             "local_versions WHERE server_version_id = ? ORDER BY "
+                                             "created_at DESC LIMIT 1"),
+                              {serverVersionId});
+         },
+         "path", "kind"},
+        {"server_document", !serverDocumentId.isEmpty(),
+         [&] {
+             return selectRow(
+                 QStringLiteral("SELECT v.path, v.relative_path, v.kind FROM local_documents d "
+                                "JOIN local_versions v ON v.id = d.current_version_id WHERE "
+                                "d.server_document_id = ? AND (? = '' OR v.server_version_id = ?) "
+                                "ORDER BY d.updated_at DESC LIMIT 1"),
+                 {serverDocumentId, serverVersionId, serverVersionId});
+         },
+         "path", "kind"},
+    };
+    // The first source with a usable file answers; the ones before it are listed as tried.
+    for (const Source& source : sources) {
+        if (!source.asked)
+            continue;
+        const QJsonObject row = source.row();
+        if (!row.isEmpty() &&
+            resolution.offer(candidateFrom(source.name, row, source.pathKey, source.kindKey)))
+            return resolution.answer();
+    }
+    if (!expectedRelativePath.trimmed().isEmpty())
         resolution.offer({"expected_relative_path",
                           QDir::cleanPath(QDir(root).filePath(
                               QDir::fromNativeSeparators(expectedRelativePath.trimmed()))),

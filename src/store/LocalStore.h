@@ -1,10 +1,10 @@
 #pragma once
 
+#include "app/OrderedJson.h"
+
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QObject>
-
-#include "app/OrderedJson.h"
 #include <QString>
 #include <QStringList>
 #include <QVariantList>

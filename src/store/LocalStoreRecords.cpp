@@ -1,7 +1,6 @@
 // Documents, versions, jobs and the store side of the mirror queue.
 #include "store/LocalStore.h"
 
-#include "app/Errors.h"
 #include "store/RecordJson.h"
 #include "store/StoreSql.h"
 
