@@ -89,7 +89,7 @@ public:
     // The walk, and the path keys of what it found, run on a thread of their own while this one
     // reads the hash cache and the documents; the purge depends on neither and goes
     // first, so purged documents are not read.
-    OrderedObject execute()
+    OrderedObject execute(QStringList& walkedFolders)
     {
         m_store.open();
         const QString root = m_store.localRoot();
@@ -105,6 +105,7 @@ public:
         loadDocuments(deleted);
         walker.join();
         m_errors = scan.errors;
+        walkedFolders = scan.folders;
         hashEntries(cache);
         findCandidates();
         settle();
@@ -462,12 +463,16 @@ LocalRootReconciler::LocalRootReconciler(LocalStore& store)
 OrderedObject LocalRootReconciler::run()
 {
     const QDateTime now = m_now.isValid() ? m_now : QDateTime::currentDateTimeUtc();
-    return Run(m_store, now).execute();
+    return Run(m_store, now).execute(m_walkedFolders);
 }
 
-OrderedObject LocalStore::reconcileLocalRoot()
+OrderedObject LocalStore::reconcileLocalRoot(QStringList* walkedFolders)
 {
-    return LocalRootReconciler(*this).run();
+    LocalRootReconciler reconciler(*this);
+    OrderedObject summary = reconciler.run();
+    if (walkedFolders)
+        *walkedFolders = reconciler.walkedFolders();
+    return summary;
 }
 
 } // namespace vantro

@@ -3,6 +3,7 @@
 #include "app/OrderedJson.h"
 
 #include <QDateTime>
+#include <QStringList>
 
 namespace vantro {
 
@@ -20,6 +21,8 @@ public:
     // skippedTemp, skippedPlaceholders, errors. Scan problems are listed under `errors`; only a
     // database failure throws (changes of the phases already committed remain).
     OrderedObject run();
+    // The folders the last run's walk entered, the root first (the window watches them).
+    QStringList walkedFolders() const { return m_walkedFolders; }
 
     // The clock the missing-document policy and the purge read (tests move it forward).
     void setNow(const QDateTime& utc) { m_now = utc; }
@@ -29,6 +32,7 @@ public:
 private:
     LocalStore& m_store;
     QDateTime m_now;
+    QStringList m_walkedFolders;
 };
 
 } // namespace vantro

@@ -107,8 +107,9 @@ public:
     QJsonObject updateMirrorItem(const QString& id, const QVariantMap& patch);
     QJsonArray listOpenMirrorItems();
 
-    // Reconciliation of the local root with the database; the summary object.
-    OrderedObject reconcileLocalRoot();
+    // Reconciliation of the local root with the database; the summary object. The folders its
+    // walk entered go to `walkedFolders` when given.
+    OrderedObject reconcileLocalRoot(QStringList* walkedFolders = nullptr);
     // Deletes the document's rows after applying the deletion policy to each of its files:
     // {deleted, documentId, files}. VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND when there is none.
     OrderedObject deleteDocument(const QString& documentId);

@@ -93,11 +93,6 @@ private:
 
 } // namespace
 
-QStringList scannedFolders(const QString& root, const QString& deletedFolderName)
-{
-    return scanRoot(root, deletedFolderName).folders;
-}
-
 ScanResult scanRoot(const QString& root, const QString& deletedFolderName)
 {
     if (!QFileInfo(root).isDir()) {

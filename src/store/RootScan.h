@@ -39,9 +39,6 @@ struct ScanResult
     int skippedPlaceholders = 0;
 };
 
-// The folders the walk would enter (the root first), for watching the root for changes.
-QStringList scannedFolders(const QString& root, const QString& deletedFolderName);
-
 // Walks `root` (absolute, cleaned). Links are never followed; a folder deeper than kMaxDepth is
 // reported as an error and not entered; unreadable folders become errors. Never throws.
 ScanResult scanRoot(const QString& root, const QString& deletedFolderName);

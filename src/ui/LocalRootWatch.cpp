@@ -3,7 +3,6 @@
 #include "app/AppState.h"
 #include "bridge/DesktopBridge.h"
 #include "store/LocalStore.h"
-#include "store/RootScan.h"
 #include "ui/Logging.h"
 
 #include <QFutureWatcher>
@@ -26,13 +25,12 @@ WatchRunOutcome runWatchReconcile(const QString& deviceJsonPath)
     try {
         AppState state(deviceJsonPath);
         LocalStore store(&state);
-        const bool ran =
-            DesktopBridge::runExclusive([&] { outcome.summary = store.reconcileLocalRoot(); });
+        const bool ran = DesktopBridge::runExclusive(
+            [&] { outcome.summary = store.reconcileLocalRoot(&outcome.folders); });
         if (!ran) {
             outcome.state = WatchRunOutcome::Busy;
             return outcome;
         }
-        outcome.folders = rootscan::scannedFolders(store.localRoot(), store.deletedFolderName());
         outcome.state = WatchRunOutcome::Done;
     } catch (const std::exception& error) {
         outcome.state = WatchRunOutcome::Failed;

@@ -97,6 +97,18 @@ public:
         return out.resize(size) ? file : QString();
     }
 
+    // Writes `content` to a file inside the local root, creating its folders.
+    QString put(const QString& inRootPath, const QByteArray& content = "%PDF-1.4\n") const
+    {
+        const QString file = inRoot(inRootPath);
+        QDir().mkpath(QFileInfo(file).absolutePath());
+        QFile out(file);
+        if (!out.open(QIODevice::WriteOnly | QIODevice::Truncate) ||
+            out.write(content) != content.size())
+            qFatal("cannot write %s", qPrintable(file));
+        return file;
+    }
+
 private:
     QTemporaryDir m_dir;
     AppState m_state{m_dir.filePath(QStringLiteral("device.json"))};

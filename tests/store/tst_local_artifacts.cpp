@@ -27,7 +27,7 @@ class LocalArtifactsTest : public QObject
     Q_OBJECT
     StoreCase m_case;
 
-    QString put(const QString& relative) { return m_case.fx->writeFile("root/" + relative); }
+    QString put(const QString& relative) { return m_case.fx->put(relative); }
     QStringList rootEntries() const
     {
         return QDir(m_case.fx->root())

@@ -31,7 +31,7 @@ class LocalDeletionTest : public QObject
     Q_OBJECT
     std::unique_ptr<StoreFixture> m_fx;
 
-    QString put(const QString& relative) { return m_fx->writeFile("root/" + relative); }
+    QString put(const QString& relative) { return m_fx->put(relative); }
 
 private Q_SLOTS:
     void init() { m_fx = std::make_unique<StoreFixture>(); }
