@@ -177,4 +177,11 @@ QVariant variantMember(const QVariant& object, const QString& key)
     return object.toMap().value(key);
 }
 
+QString idText(const QJsonValue& value)
+{
+    if (value.isDouble())
+        return QString::number(value.toInteger());
+    return value.toString();
+}
+
 } // namespace vantro

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QJsonValue>
 #include <QList>
 #include <QMetaType>
 #include <QPair>
@@ -41,6 +42,9 @@ private:
 // Serialises a variant tree as compact JSON. Understands OrderedObject (order kept), QVariantMap
 // and QVariantHash (sorted keys), lists, QStringList, QJsonValue/Object/Array and scalars.
 QByteArray toCompactJson(const QVariant& value);
+
+// A service identifier as text, also when the service sends a number.
+QString idText(const QJsonValue& value);
 
 // Reads an object key from either an OrderedObject or a map held in a variant.
 QVariant variantMember(const QVariant& object, const QString& key);

@@ -1,17 +1,19 @@
 // The "sign:" method table, in dispatch order, and the handlers of the settings and import rows.
 // Each other family's handlers live in a file of their own beside this one (LocalRootMethods,
-// LocalFileMethods); the work itself is in the subsystem's folder.
+// LocalFileMethods, UploadMethods, InvitationMethods); the work itself is in the subsystem's
+// folder.
 #include "app/AppState.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeDispatch.h"
 #include "bridge/BridgeLogging.h"
 #include "bridge/DesktopBridge.h"
 #include "bridge/DesktopShell.h"
+#include "bridge/InvitationMethods.h"
 #include "bridge/LocalFileMethods.h"
 #include "bridge/LocalRootMethods.h"
+#include "bridge/UploadMethods.h"
 #include "store/LocalStore.h"
 #include "store/RootRules.h"
-
 
 namespace vantro {
 
@@ -24,9 +26,7 @@ constexpr char kLocalRootDialogTitle[] = "Vantro Sign folder";
 constexpr char kPickFilesTitle[] = "Pasirinkite dokumentus";
 
 // Components that are not part of this build yet; their rows answer "<name> is not available".
-constexpr char kUpload[] = "Upload";
 constexpr char kPdfTools[] = "PDF tools";
-constexpr char kInvitations[] = "External invitations";
 constexpr char kMirrorQueue[] = "Mirror queue";
 constexpr char kArtifactReveal[] = "Artifact reveal";
 constexpr char kPreviews[] = "Document preview";
@@ -161,14 +161,14 @@ const DispatchTable& signMethodTable()
             methodRow("sign:listDocuments", listDocuments),
             methodRow("sign:listJobs", listJobs),
             methodRow("sign:deleteLocalDocument", localrootmethods::deleteLocalDocument),
-            pendingRow("sign:uploadLocalDocument", kUpload),
+            methodRow("sign:uploadLocalDocument", uploadmethods::uploadLocalDocument),
             pendingRow("sign:runPdfTool", kPdfTools),
-            pendingRow("sign:listExternalInvitations", kInvitations),
-            pendingRow("sign:createExternalInvitation", kInvitations),
-            pendingRow("sign:cancelExternalInvitation", kInvitations),
-            pendingRow("sign:remindExternalInvitation", kInvitations),
+            methodRow("sign:listExternalInvitations", invitationmethods::listExternalInvitations),
+            methodRow("sign:createExternalInvitation", invitationmethods::createExternalInvitation),
+            methodRow("sign:cancelExternalInvitation", invitationmethods::cancelExternalInvitation),
+            methodRow("sign:remindExternalInvitation", invitationmethods::remindExternalInvitation),
             methodRow("sign:hashFile", localfilemethods::hashFile),
-            pendingRow("sign:queueUpload", kUpload),
+            methodRow("sign:queueUpload", uploadmethods::queueUpload),
             pendingRow("sign:mirrorArtifact", kMirrorQueue),
             pendingRow("sign:ensureLocalArtifactAndReveal", kArtifactReveal),
             pendingRow("sign:cancelArtifactReveal", kArtifactReveal),

@@ -86,8 +86,10 @@ public:
     // keys: id, documentId, serverDocumentId, kind, path, relativePath, sha256, sizeBytes,
     // mimeType, serverVersionId, status. Answers the new current version.
     QJsonObject addVersion(const QVariantMap& version);
-    // `response` is the service's upload answer: `id` and `latest_version`.`id`.
-    void markUploaded(const QString& versionId, const QJsonObject& response);
+    // `response` is the service's upload answer: `id` and `latest_version`.`id`. A non-empty
+    // `artifact` (keys of upsertLocalArtifact) is recorded in the same transaction.
+    void markUploaded(const QString& versionId, const QJsonObject& response,
+                      const QVariantMap& artifact = {});
     void markUploadFailed(const QString& versionId, const QString& error);
     QJsonObject setDocumentStatus(const QString& documentId, const QString& status,
                                   const QString& error);

@@ -24,14 +24,6 @@ QString text(const QVariantMap& map, const char* key, const QString& fallback = 
     return value.isEmpty() ? fallback : value;
 }
 
-// Service identifiers are kept as text even when the service sends numbers.
-QString idText(const QJsonValue& value)
-{
-    if (value.isDouble())
-        return QString::number(value.toInteger());
-    return value.toString();
-}
-
 // The bound value of a column after a patch: present keys replace, absent keys keep. Nullable
 // id columns never store '' (a mirrored item is recognised by a non-NULL local version id).
 QVariant patchedText(const QVariantMap& patch, const QJsonObject& stored, const char* key,
@@ -176,7 +168,8 @@ QJsonObject LocalStore::addVersion(const QVariantMap& version)
     return getVersion(versionId);
 }
 
-void LocalStore::markUploaded(const QString& versionId, const QJsonObject& response)
+void LocalStore::markUploaded(const QString& versionId, const QJsonObject& response,
+                              const QVariantMap& artifact)
 {
     const QString serverVersionId = idText(
         response.value(QLatin1String("latest_version")).toObject().value(QLatin1String("id")));
@@ -190,6 +183,8 @@ void LocalStore::markUploaded(const QString& versionId, const QJsonObject& respo
                            "'UPLOADED', local_state = 'SERVER_TRANSIENT', last_error = '', "
                            "updated_at = ? WHERE current_version_id = ?"),
             {textOrNull(serverDocumentId), nowIso(), versionId});
+    if (!artifact.isEmpty())
+        upsertLocalArtifact(artifact);
     transaction.commit();
 }
 

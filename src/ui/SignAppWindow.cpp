@@ -67,7 +67,7 @@ SignAppWindow::SignAppWindow(QWidget* parent)
     applyStateTheme();
     connect(m_state, &AppState::changed, this, &SignAppWindow::applyStateTheme);
     watchLocalRoot();
-    m_web->openApp(m_api->webAppUrl());
+    openWebApp();
 }
 
 // The browser goes first so no page message reaches a component being destroyed; then the
@@ -115,6 +115,12 @@ void SignAppWindow::watchLocalRoot()
     };
     connect(m_state, &AppState::changed, m_rootWatch, follow);
     follow();
+}
+
+void SignAppWindow::openWebApp()
+{
+    m_api->sendHeartbeat(m_bridge->helperRuntime());
+    m_web->openApp(m_api->webAppUrl());
 }
 
 void SignAppWindow::setDesktopShell(DesktopShell* shell)

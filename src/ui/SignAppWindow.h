@@ -62,6 +62,8 @@ Q_SIGNALS:
 private:
     void buildWebHost();
     void watchLocalRoot();
+    // Switches to the web application; an activated device first tells the service it is here.
+    void openWebApp();
     void applyStateTheme();
     void emitDropState(bool active);
     void finishDropImport(const QStringList& paths, const DropImportOutcome& outcome);

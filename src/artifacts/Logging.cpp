@@ -1,0 +1,3 @@
+#include "artifacts/Logging.h"
+
+Q_LOGGING_CATEGORY(lcArtifacts, "vantro.artifacts")
