@@ -14,9 +14,6 @@ namespace vantro {
 
 namespace {
 
-const QString kNotFound = QStringLiteral("VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND");
-const QString kNotFoundMessage = QStringLiteral("Local document was not found.");
-
 QString member(const QJsonObject& object, const char* key)
 {
     return idText(object.value(QLatin1String(key)));
@@ -84,7 +81,7 @@ OrderedObject DocumentUpload::uploadLocalDocument(const QString& documentId)
     const QJsonObject version =
         document.isEmpty() ? QJsonObject() : m_store.getCurrentVersion(documentId);
     if (version.isEmpty())
-        fail(kNotFound, kNotFoundMessage);
+        fail(QLatin1String(kNotFound), QLatin1String(kNotFoundMessage));
     return queueUpload(member(version, "id"),
                        {{QStringLiteral("title"), document.value(QLatin1String("title"))}});
 }
@@ -93,7 +90,7 @@ QJsonObject DocumentUpload::ensureServerDocument(const QString& documentId)
 {
     const QJsonObject document = m_store.getDocument(documentId);
     if (document.isEmpty())
-        fail(kNotFound, kNotFoundMessage);
+        fail(QLatin1String(kNotFound), QLatin1String(kNotFoundMessage));
     if (!member(document, "server_document_id").isEmpty())
         return document;
     if (!uploadLocalDocument(documentId).value(QStringLiteral("ok")).toBool())

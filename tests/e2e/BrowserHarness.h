@@ -4,6 +4,7 @@
 // and awaits page script, and the real window with a recording desktop shell.
 
 #include "bridge/DesktopShell.h"
+#include "support/ServiceStandIn.h"
 #include "ui/SignAppWindow.h"
 #include "ui/WebHost.h"
 
@@ -25,7 +26,8 @@ inline constexpr int kScriptTimeoutMs = 15000;
 bool runUntil(QEventLoop& loop, int timeoutMs = kScriptTimeoutMs);
 
 // Serves, on every path, a page keeping window messages in __events and channel messages in
-// __answers, and records the page paths asked for (not the icon).
+// __answers, and records the page paths asked for (not the icon). The service's REST paths
+// ("/sign/api/...") go to the stand-in `api`.
 struct PageServer
 {
     bool start(quint16 port = 0); // 0: a system-chosen port
@@ -37,6 +39,7 @@ struct PageServer
     quint16 port = 0;
     bool isolated = false;
     QStringList requestedPaths;
+    ServiceStandIn api;
 };
 
 // Runs script in a page's main world, waiting with an event loop.

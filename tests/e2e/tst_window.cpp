@@ -2,6 +2,7 @@
 // service is away, and the tray's notices.
 #include "e2e/BrowserHarness.h"
 
+#include "app/AppState.h"
 #include "bridge/DesktopBridge.h"
 #include "store/LocalStore.h"
 #include "ui/StatusPage.h"
@@ -34,6 +35,13 @@ private:
 private Q_SLOTS:
     void initTestCase() { QVERIFY(m_app.open()); }
     void init() { QVERIFY(m_app.reset()); }
+
+    // This profile was never activated: the service hears nothing from the window.
+    void noHeartbeatFromAnInactiveDevice()
+    {
+        QVERIFY(!m_app.window()->desktopBridge()->state()->isActivated());
+        QCOMPARE(m_app.server().api.paths(), QStringList());
+    }
 
     void navigation_data()
     {
