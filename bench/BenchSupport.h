@@ -70,11 +70,12 @@ inline QByteArray runTool(const QString& program, const QStringList& arguments,
 }
 
 // Prints the figure's BENCH line; true when the ratio is within the target.
-inline bool report(const QString& name, double value, double reference, double target)
+inline bool report(const QString& name, double value, double reference, double target,
+                   const char* unit = "ms")
 {
     const double ratio = value / reference;
-    std::printf("BENCH name=%s value=%.3f unit=ms reference=%.3f ratio=%.3f target=%.1f\n",
-                qPrintable(name), value, reference, ratio, target);
+    std::printf("BENCH name=%s value=%.3f unit=%s reference=%.3f ratio=%.3f target=%.1f\n",
+                qPrintable(name), value, unit, reference, ratio, target);
     std::fflush(stdout);
     return ratio <= target;
 }

@@ -2,7 +2,6 @@
 
 #include <QHttpServerResponse>
 #include <QJsonDocument>
-#include <QRegularExpression>
 #include <QTcpSocket>
 
 namespace vantro::testing {
@@ -62,29 +61,7 @@ QJsonObject RecordedRequest::json() const
 
 QList<FormPart> formParts(const RecordedRequest& request)
 {
-    static const QRegularExpression boundaryPattern(QStringLiteral("boundary=\"?([^\";]+)"));
-    const auto match = boundaryPattern.match(QString::fromLatin1(request.header("Content-Type")));
-    if (!match.hasMatch())
-        return {};
-    const QByteArray delimiter = "--" + match.captured(1).toLatin1();
-    QList<FormPart> parts;
-    qsizetype at = request.body.indexOf(delimiter);
-    while (at >= 0) {
-        const qsizetype start = at + delimiter.size() + 2; // past "\r\n" (or "--" at the end)
-        const qsizetype next = request.body.indexOf("\r\n" + delimiter, start);
-        if (next < 0)
-            break;
-        const QByteArray raw = request.body.mid(start, next - start);
-        const qsizetype split = raw.indexOf("\r\n\r\n");
-        FormPart part;
-        for (const QByteArray& line : raw.left(split).split('\n'))
-            if (line.toLower().startsWith("content-disposition:"))
-                part.disposition = line.mid(line.indexOf(':') + 1).trimmed();
-        part.body = raw.mid(split + 4);
-        parts << part;
-        at = next + 2;
-    }
-    return parts;
+    return dev::parseFormData(request.header("Content-Type"), request.body);
 }
 
 bool ServiceStandIn::listen()

@@ -4,6 +4,8 @@
 // records what it receives and answers what a test scripts, and a raw TCP responder for replies
 // no well-behaved server sends (hanging, cut short, lying about their length).
 
+#include "Multipart.h"
+
 #include <QByteArray>
 #include <QHash>
 #include <QHttpServer>
@@ -46,12 +48,8 @@ struct ScriptedReply
     HeaderList headers;
 };
 
-// One part of a multipart form as the server saw it.
-struct FormPart
-{
-    QByteArray disposition;
-    QByteArray body;
-};
+// The parts of a multipart form request, in the order the server saw them.
+using FormPart = dev::FormPart;
 QList<FormPart> formParts(const RecordedRequest& request);
 
 class ServiceStandIn
