@@ -22,6 +22,12 @@ QString VantroError::code() const
     return splitErrorText(text()).code;
 }
 
+CodedError::CodedError(const QString& code, const QString& message)
+    : VantroError(code)
+    , m_message(message)
+{
+}
+
 void fail(const QString& code, const QString& detail)
 {
     throw VantroError(code, detail);

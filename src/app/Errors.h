@@ -18,6 +18,18 @@ public:
     QString code() const;
 };
 
+// A failure with a message meant for the page: its text, which logs and stored rows keep, is
+// the code alone; the bridge answers {code, message}.
+class CodedError : public VantroError
+{
+public:
+    CodedError(const QString& code, const QString& message);
+    QString message() const { return m_message; }
+
+private:
+    QString m_message;
+};
+
 [[noreturn]] void fail(const QString& code, const QString& detail = {});
 
 struct ErrorParts

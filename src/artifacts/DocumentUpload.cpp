@@ -14,6 +14,12 @@ namespace vantro {
 
 namespace {
 
+[[noreturn]] void documentNotFound()
+{
+    throw CodedError(QStringLiteral("VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND"),
+                     QStringLiteral("Local document was not found."));
+}
+
 QString member(const QJsonObject& object, const char* key)
 {
     return idText(object.value(QLatin1String(key)));
@@ -81,7 +87,7 @@ OrderedObject DocumentUpload::uploadLocalDocument(const QString& documentId)
     const QJsonObject version =
         document.isEmpty() ? QJsonObject() : m_store.getCurrentVersion(documentId);
     if (version.isEmpty())
-        fail(QLatin1String(kNotFound), QLatin1String(kNotFoundMessage));
+        documentNotFound();
     return queueUpload(member(version, "id"),
                        {{QStringLiteral("title"), document.value(QLatin1String("title"))}});
 }
@@ -90,7 +96,7 @@ QJsonObject DocumentUpload::ensureServerDocument(const QString& documentId)
 {
     const QJsonObject document = m_store.getDocument(documentId);
     if (document.isEmpty())
-        fail(QLatin1String(kNotFound), QLatin1String(kNotFoundMessage));
+        documentNotFound();
     if (!member(document, "server_document_id").isEmpty())
         return document;
     if (!uploadLocalDocument(documentId).value(QStringLiteral("ok")).toBool())

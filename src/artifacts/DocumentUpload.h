@@ -16,9 +16,6 @@ class SignApiClient;
 class DocumentUpload
 {
 public:
-    static constexpr char kNotFound[] = "VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND";
-    static constexpr char kNotFoundMessage[] = "Local document was not found.";
-
     DocumentUpload(LocalStore& store, SignApiClient& api);
 
     // Uploads the file behind `handle` (a local version id or a local file handle). Answers the

@@ -276,6 +276,9 @@ OrderedObject DesktopBridge::guarded(const QString& method,
 {
     try {
         return run();
+    } catch (const CodedError& failure) {
+        qCWarning(lcBridge).noquote() << method << "failed:" << failure.text();
+        return error(failure.code(), failure.message());
     } catch (const std::exception& failure) {
         const ErrorParts parts = splitErrorText(QString::fromUtf8(failure.what()));
         qCWarning(lcBridge).noquote() << method << "failed:" << parts.message;

@@ -1,6 +1,5 @@
 #include "bridge/UploadMethods.h"
 
-#include "app/Errors.h"
 #include "artifacts/DocumentUpload.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/DesktopBridge.h"
@@ -21,18 +20,9 @@ DocumentUpload uploader(DesktopBridge& bridge)
 
 } // namespace
 
-// The page is told plainly that the document is gone, not given the exception text.
 OrderedObject uploadLocalDocument(DesktopBridge& bridge, const QVariantList& args)
 {
-    try {
-        return DesktopBridge::ok(
-            uploader(bridge).uploadLocalDocument(stringAt(args, 0)).toVariant());
-    } catch (const VantroError& error) {
-        if (error.code() != QLatin1String(DocumentUpload::kNotFound))
-            throw;
-        return DesktopBridge::error(error.code(),
-                                    QString::fromLatin1(DocumentUpload::kNotFoundMessage));
-    }
+    return DesktopBridge::ok(uploader(bridge).uploadLocalDocument(stringAt(args, 0)).toVariant());
 }
 
 OrderedObject queueUpload(DesktopBridge& bridge, const QVariantList& args)
