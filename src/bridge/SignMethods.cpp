@@ -1,7 +1,7 @@
 // The "sign:" method table, in dispatch order, and the handlers of the settings and import rows.
 // Each other family's handlers live in a file of their own beside this one (LocalRootMethods,
-// LocalFileMethods, UploadMethods, InvitationMethods); the work itself is in the subsystem's
-// folder.
+// LocalFileMethods, UploadMethods, InvitationMethods, MirrorMethods); the work itself is in the
+// subsystem's folder.
 #include "app/AppState.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeDispatch.h"
@@ -11,6 +11,7 @@
 #include "bridge/InvitationMethods.h"
 #include "bridge/LocalFileMethods.h"
 #include "bridge/LocalRootMethods.h"
+#include "bridge/MirrorMethods.h"
 #include "bridge/UploadMethods.h"
 #include "store/LocalStore.h"
 #include "store/RootRules.h"
@@ -27,7 +28,6 @@ constexpr char kPickFilesTitle[] = "Pasirinkite dokumentus";
 
 // Components that are not part of this build yet; their rows answer "<name> is not available".
 constexpr char kPdfTools[] = "PDF tools";
-constexpr char kMirrorQueue[] = "Mirror queue";
 constexpr char kArtifactReveal[] = "Artifact reveal";
 constexpr char kPreviews[] = "Document preview";
 constexpr char kNativePreview[] = "Native preview";
@@ -169,11 +169,11 @@ const DispatchTable& signMethodTable()
             methodRow("sign:remindExternalInvitation", invitationmethods::remindExternalInvitation),
             methodRow("sign:hashFile", localfilemethods::hashFile),
             methodRow("sign:queueUpload", uploadmethods::queueUpload),
-            pendingRow("sign:mirrorArtifact", kMirrorQueue),
+            methodRow("sign:mirrorArtifact", mirrormethods::mirrorArtifact),
             pendingRow("sign:ensureLocalArtifactAndReveal", kArtifactReveal),
             pendingRow("sign:cancelArtifactReveal", kArtifactReveal),
-            pendingRow("sign:getMirrorStatus", kMirrorQueue),
-            pendingRow("sign:retryMirrorQueue", kMirrorQueue),
+            methodRow("sign:getMirrorStatus", mirrormethods::getMirrorStatus),
+            methodRow("sign:retryMirrorQueue", mirrormethods::retryMirrorQueue),
             pendingRow("sign:openServerDocument", kPreviews),
             pendingRow("sign:renderServerDocumentPreview", kPreviews),
             pendingRow("sign:warmServerDocumentPreview", kPreviews),

@@ -2,12 +2,14 @@
 
 #include "app/Errors.h"
 #include "app/FileHash.h"
+#include "platform/FileSystem.h"
 #include "store/RootRules.h"
 
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QMimeDatabase>
+#include <QUuid>
 
 namespace vantro::localfiles {
 
@@ -54,7 +56,32 @@ QString copyNewFile(const QString& source, const QString& target)
     }
 }
 
+QString partialFileFor(const QString& target)
+{
+    const QFileInfo info(target);
+    const QString tag = QUuid::createUuid().toString(QUuid::Id128).left(8);
+    return info.dir().filePath(QStringLiteral(".%1.vantro-%2.partial").arg(info.fileName(), tag));
+}
+
 } // namespace
+
+void writeNewFile(const QString& target, const QByteArray& bytes)
+{
+    QFile partial(partialFileFor(target));
+    const auto failed = [&](const QString& error) {
+        partial.remove();
+        fail(QStringLiteral("VANTRO_SIGN_LOCAL_FILE_WRITE_FAILED"),
+             QStringLiteral("%1: %2").arg(target, error));
+    };
+    if (!partial.open(QIODevice::WriteOnly | QIODevice::NewOnly))
+        failed(partial.errorString());
+    if (partial.write(bytes) != bytes.size() || !platform::syncToDisk(partial))
+        failed(partial.errorString());
+    partial.close();
+    // Refuses an existing target, so a file that appeared meanwhile is not replaced.
+    if (!partial.rename(target))
+        failed(partial.errorString());
+}
 
 LocalFileDescriptor describe(const QString& root, const QString& path, const QString& knownSha256)
 {

@@ -11,6 +11,7 @@
 #include "ui/DropImport.h"
 #include "ui/LocalRootWatch.h"
 #include "ui/Logging.h"
+#include "ui/MirrorRetry.h"
 #include "ui/SystemDesktopShell.h"
 #include "ui/Theme.h"
 #include "ui/WebHost.h"
@@ -67,6 +68,7 @@ SignAppWindow::SignAppWindow(QWidget* parent)
     applyStateTheme();
     connect(m_state, &AppState::changed, this, &SignAppWindow::applyStateTheme);
     watchLocalRoot();
+    retryMirrorQueue();
     openWebApp();
 }
 
@@ -115,6 +117,13 @@ void SignAppWindow::watchLocalRoot()
     };
     connect(m_state, &AppState::changed, m_rootWatch, follow);
     follow();
+}
+
+// Signed results still owed to the local root arrive without the page asking.
+void SignAppWindow::retryMirrorQueue()
+{
+    m_mirrorRetry = new MirrorRetry(defaultWorkerFactory(m_state->filePath()), this);
+    m_mirrorRetry->start();
 }
 
 void SignAppWindow::openWebApp()

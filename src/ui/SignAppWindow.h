@@ -20,6 +20,7 @@ class DesktopShell;
 class SystemDesktopShell;
 class WebHost;
 class LocalRootWatch;
+class MirrorRetry;
 struct DropImportOutcome;
 
 // The main window: builds the components in their fixed order and hosts the web application.
@@ -37,6 +38,7 @@ public:
     BridgeChannel* bridgeChannel() const { return m_channel; }
     WebHost* webHost() const { return m_web; }
     LocalRootWatch* localRootWatch() const { return m_rootWatch; }
+    MirrorRetry* mirrorRetry() const { return m_mirrorRetry; }
 
     // Dialogs and opening addresses go through `shell`; null restores the system desktop.
     void setDesktopShell(DesktopShell* shell);
@@ -62,6 +64,7 @@ Q_SIGNALS:
 private:
     void buildWebHost();
     void watchLocalRoot();
+    void retryMirrorQueue();
     // Switches to the web application; an activated device first tells the service it is here.
     void openWebApp();
     void applyStateTheme();
@@ -80,6 +83,7 @@ private:
     BridgeChannel* m_channel = nullptr;
     WebHost* m_web = nullptr;
     LocalRootWatch* m_rootWatch = nullptr;
+    MirrorRetry* m_mirrorRetry = nullptr;
     std::unique_ptr<SystemDesktopShell> m_systemShell;
     DesktopShell* m_shell = nullptr;
     QPointer<QMessageBox> m_notice;

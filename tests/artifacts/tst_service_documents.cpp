@@ -1,9 +1,7 @@
 // Upload and external invitations through the bridge rows, against the loopback stand-in: what
 // reaches the service, what the page is answered and what the store remembers afterwards.
 #include "app/FileHash.h"
-#include "bridge/BridgeTestSupport.h"
-#include "store/LocalStore.h"
-#include "support/ServiceStandIn.h"
+#include "artifacts/ServiceFixture.h"
 
 #include <QtTest>
 
@@ -30,16 +28,16 @@ class ServiceDocumentsTest : public QObject
     Q_OBJECT
 
 private:
-    std::unique_ptr<BridgeFixture> m_fx;
-    ServiceStandIn m_service;
+    std::unique_ptr<ServiceFixture> m_sx;
+    ServiceStandIn* m_service = nullptr;
     QString m_documentId, m_versionId, m_path;
 
-    LocalStore& store() { return *m_fx->bridge.localStore(); }
+    LocalStore& store() { return m_sx->store(); }
     QVariant call(const QString& method, const QVariantList& args = {})
     {
-        return m_fx->bridge.handle(method, args, m_fx->api.webAppUrl().toString()).toVariant();
+        return m_sx->call(method, args);
     }
-    QVariant valueOf(const QVariant& result) { return variantMember(result, "value"); }
+    static QVariant valueOf(const QVariant& result) { return ServiceFixture::valueOf(result); }
     // What the store says about the document, its version and the recorded artifacts.
     QString recorded()
     {
@@ -62,24 +60,16 @@ private:
 private Q_SLOTS:
     void init()
     {
-        qunsetenv("DBUS_SESSION_BUS_ADDRESS");
-        m_fx = std::make_unique<BridgeFixture>();
-        m_service = ServiceStandIn();
-        QVERIFY(m_service.listen());
-        m_fx->api.setBaseUrl(m_service.origin());
-        QVERIFY(m_fx->state.setDeviceIdentity("dev-1", "s3cret", "ws-1"));
-        QFile source(m_fx->path("Sutartis.pdf"));
-        QVERIFY(source.open(QIODevice::WriteOnly) && source.write("%PDF-1.7 sutartis") > 0);
-        source.close();
-        const QJsonObject imported = store().importFiles({source.fileName()}).first().toObject();
-        m_documentId = imported["documentId"].toString();
-        m_versionId = imported["versionId"].toString();
-        m_path = store().getVersion(m_versionId)["path"].toString();
+        m_sx = std::make_unique<ServiceFixture>();
+        m_service = &m_sx->service;
+        m_documentId = m_sx->documentId;
+        m_versionId = m_sx->versionId;
+        m_path = m_sx->path;
     }
 
     void uploadRecordsWhatTheServiceMade()
     {
-        m_service.script("POST", kUploads, {201, uploadAnswer("srv-v1")});
+        m_service->script("POST", kUploads, {201, uploadAnswer("srv-v1")});
         const QVariant result = call("sign:uploadLocalDocument", {m_documentId});
         QCOMPARE(recorded(),
                  "UPLOADED|SERVER_TRANSIENT|srv-d1|srv-v1|srv-v1 uploaded srv-d1 hash ok");
@@ -92,13 +82,13 @@ private Q_SLOTS:
         QCOMPARE(variantMember(value.value("latest_version"), "id"), "srv-v1");
 
         // The document goes under its title, with the digest of the bytes sent.
-        const QList<FormPart> parts = formParts(m_service.requests.value(0));
+        const QList<FormPart> parts = formParts(m_service->requests.value(0));
         QCOMPARE(parts.size(), 3);
         QCOMPARE(parts.at(1).body, sha256File(m_path).toUtf8());
         QCOMPARE(parts.at(2).disposition + '=' + parts.at(2).body,
                  R"(form-data; name="title"=)" +
                      store().getDocument(m_documentId)["title"].toString().toUtf8());
-        QCOMPARE(m_service.requests.first().header("Authorization"), "Bearer s3cret");
+        QCOMPARE(m_service->requests.first().header("Authorization"), "Bearer s3cret");
     }
 
     void failedUploadWritesNothing_data()
@@ -118,12 +108,12 @@ private Q_SLOTS:
         QFETCH(QByteArray, body);
         QFETCH(QString, code);
         const QString before = recorded();
-        m_service.script("POST", kUploads, {status, body});
+        m_service->script("POST", kUploads, {status, body});
         const QVariant result =
             call("sign:queueUpload", {m_versionId, QVariantMap{{"title", "t"}}});
         QCOMPARE(codeOf(result), code);
         QCOMPARE(recorded(), before);
-        QCOMPARE(m_service.requests.size(), 1);
+        QCOMPARE(m_service->requests.size(), 1);
     }
 
     void unknownIdsReachNoService()
@@ -133,12 +123,12 @@ private Q_SLOTS:
         QCOMPARE(codeOf(call("sign:queueUpload", {"nope"})), "VANTRO_SIGN_FILE_HANDLE_NOT_FOUND");
         QCOMPARE(codeOf(call("sign:createExternalInvitation", {"nope"})),
                  "VANTRO_SIGN_LOCAL_DOCUMENT_NOT_FOUND");
-        QCOMPARE(m_service.requests.size(), 0);
+        QCOMPARE(m_service->requests.size(), 0);
     }
 
     void fileHandleUploadLeavesTheDocumentAlone()
     {
-        m_service.script("POST", kUploads, {201, uploadAnswer("srv-v9")});
+        m_service->script("POST", kUploads, {201, uploadAnswer("srv-v9")});
         const QVariant result = call("sign:queueUpload", {store().createFileHandle(m_path)});
         QCOMPARE(variantMember(valueOf(result), "artifactId"), "srv-v9");
         QCOMPARE(recorded(), "LOCAL|LOCAL_ONLY|||srv-v9 uploaded srv-d1 hash ok");
@@ -186,14 +176,14 @@ private Q_SLOTS:
         QFETCH(QString, answer);
         store().markUploaded(m_versionId, QJsonObject{{"id", "srv-d1"}});
         const QString verb = request.section(' ', 0, 0), path = request.section(' ', 1);
-        m_service.script(
+        m_service->script(
             verb.toLatin1(), path,
             {200, R"({"ok":true,"invitations":[{"id":"i1"}],"invitation":{"id":"i2"}})"});
         const QVariantMap input{{"email", "a@b.lt"}, {"role", "signer"}};
         const QVariant result = call(method, {id == "$local" ? m_documentId : id, input});
-        QCOMPARE(m_service.paths(), QStringList{request});
+        QCOMPARE(m_service->paths(), QStringList{request});
         QCOMPARE(toCompactJson(valueOf(result)), answer.toUtf8());
-        const QByteArray body = m_service.requests.first().body;
+        const QByteArray body = m_service->requests.first().body;
         QCOMPARE(body, verb == "GET"                      ? ""
                        : method.startsWith("sign:create") ? toCompactJson(input)
                                                           : "{}");
@@ -201,12 +191,12 @@ private Q_SLOTS:
 
     void invitingANeverUploadedDocumentUploadsItFirst()
     {
-        m_service.script("POST", kUploads, {201, uploadAnswer("srv-v1")});
-        m_service.scriptJson("POST", "/sign/api/v1/documents/srv-d1/external-invites", 201,
-                             {{"invitation", QJsonObject{{"id", "i3"}}}});
+        m_service->script("POST", kUploads, {201, uploadAnswer("srv-v1")});
+        m_service->scriptJson("POST", "/sign/api/v1/documents/srv-d1/external-invites", 201,
+                              {{"invitation", QJsonObject{{"id", "i3"}}}});
         const QVariant result =
             call("sign:createExternalInvitation", {m_documentId, QVariantMap{{"email", "a@b.lt"}}});
-        QCOMPARE(m_service.paths(),
+        QCOMPARE(m_service->paths(),
                  QStringList(
                      {"POST " + kUploads, "POST /sign/api/v1/documents/srv-d1/external-invites"}));
         QCOMPARE(toCompactJson(valueOf(result)), R"({"id":"i3"})");
@@ -215,12 +205,12 @@ private Q_SLOTS:
 
     void invitingStopsWhenTheUploadFails()
     {
-        m_service.script("POST", kUploads,
-                         {500, R"({"ok":false,"error":{"code":"E","message":"m"}})"});
+        m_service->script("POST", kUploads,
+                          {500, R"({"ok":false,"error":{"code":"E","message":"m"}})"});
         const QVariant result =
             call("sign:createExternalInvitation", {m_documentId, QVariantMap()});
         QCOMPARE(toCompactJson(result), err("E", "E: m").toUtf8());
-        QCOMPARE(m_service.paths(), QStringList{"POST " + kUploads});
+        QCOMPARE(m_service->paths(), QStringList{"POST " + kUploads});
     }
 };
 
