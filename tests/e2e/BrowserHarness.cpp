@@ -28,7 +28,8 @@ if (window.chrome && chrome.webview)
 </script></head><body><p>test page</p></body></html>)";
     server = std::make_unique<QHttpServer>();
     server->route("/<arg>", [this](const QUrl&, const QHttpServerRequest& request) {
-        if (request.url().path().startsWith("/sign/api/"))
+        const QString path = request.url().path();
+        if (path.startsWith("/sign/api/") || path.endsWith("/download/"))
             return api.respond(request);
         if (request.url().path() != "/favicon.ico")
             requestedPaths << request.url().path();

@@ -27,7 +27,7 @@ bool runUntil(QEventLoop& loop, int timeoutMs = kScriptTimeoutMs);
 
 // Serves, on every path, a page keeping window messages in __events and channel messages in
 // __answers, and records the page paths asked for (not the icon). The service's REST paths
-// ("/sign/api/...") go to the stand-in `api`.
+// ("/sign/api/...") and downloads (".../download/") go to the stand-in `api`.
 struct PageServer
 {
     bool start(quint16 port = 0); // 0: a system-chosen port

@@ -7,7 +7,9 @@
 #include "store/LocalStore.h"
 
 #include <QJsonDocument>
+#include <QTemporaryDir>
 #include <QtTest>
+#include <QUuid>
 
 using namespace vantro;
 using namespace vantro::testing;
@@ -18,6 +20,9 @@ class WindowServiceTest : public QObject
 
 private:
     AppWindow m_app;
+    // The profile outlives a run; fresh artifact ids keep earlier runs' queue rows out of the way.
+    const QString m_owed = "owed-" + QUuid::createUuid().toString(QUuid::Id128);
+    const QString m_fresh = "fresh-" + QUuid::createUuid().toString(QUuid::Id128);
     ServiceStandIn& service() { return m_app.server().api; }
     PageDriver& page() { return m_app.page(); }
     QJsonValue valueOf(const QString& call)
@@ -27,20 +32,71 @@ private:
             return QStringLiteral("error %1").arg(outcome.value("code").toString());
         return outcome.value("value");
     }
+    QString importDocument(const QByteArray& content)
+    {
+        QTemporaryDir dir;
+        QFile file(dir.filePath("Sutartis.pdf"));
+        if (!file.open(QIODevice::WriteOnly) || file.write(content) != content.size())
+            qFatal("cannot write the document");
+        file.close();
+        AppState state;
+        return LocalStore(&state).importFiles({file.fileName()}).first()["documentId"].toString();
+    }
+    static QVariantMap mirrorDescriptor(const QString& artifact, const QString& documentId)
+    {
+        return {{"artifactId", artifact},
+                {"localDocumentId", documentId},
+                {"serverDocumentId", "srv-d1"},
+                {"serverVersionId", artifact + "-v"},
+                {"downloadUrl", "/sign/app/documents/srv-d1/versions/" + artifact + "/download/"},
+                {"relativePath", "Pasirasyta/" + artifact + ".pdf"}};
+    }
 
 private Q_SLOTS:
+    // A signed result owed from an earlier run waits in the queue before the window opens.
     void initTestCase()
     {
         qunsetenv("DBUS_SESSION_BUS_ADDRESS");
         QVERIFY(AppState().setDeviceIdentity("dev-e2e", "s3cret", "ws-1"));
         service().scriptJson("POST", "/sign/api/v1/heartbeat", 200, {{"ok", true}});
+        service().scriptJson("POST", "/sign/api/v1/delivery/ack", 200, {{"ok", true}});
+        for (const QString& artifact : {m_owed, m_fresh})
+            service().script("GET", mirrorDescriptor(artifact, {})["downloadUrl"].toString(),
+                             {200, "%PDF signed " + artifact.toUtf8(), "application/pdf"});
+        AppState state;
+        LocalStore(&state).enqueueMirrorItem(mirrorDescriptor(m_owed, importDocument("%PDF a")));
         QVERIFY(m_app.open());
+    }
+
+    void startupRetryBringsWhatWasOwed()
+    {
+        LocalStore* store = m_app.window()->desktopBridge()->localStore();
+        QTRY_COMPARE(store->getMirrorItem(m_owed)["status"].toString(), "ACKNOWLEDGED");
+        QVERIFY(
+            QFileInfo::exists(QDir(store->localRoot()).filePath("Pasirasyta/" + m_owed + ".pdf")));
+    }
+
+    void mirrorFromThePage()
+    {
+        const QString document = importDocument("%PDF b");
+        const QString descriptor =
+            QString::fromUtf8(toCompactJson(mirrorDescriptor(m_fresh, document)));
+        QCOMPARE(valueOf("vantroSign.mirrorArtifact(" + descriptor + ").then(r => r.relativePath)"),
+                 "Pasirasyta/" + m_fresh + ".pdf");
+        QCOMPARE(valueOf("vantroSign.getMirrorStatus('" + m_fresh + "').then(r => r.status)"),
+                 "ACKNOWLEDGED");
+        QCOMPARE(valueOf("vantroSign.mirrorArtifact({artifactId: 'x'})"),
+                 "error VANTRO_SIGN_MIRROR_DESCRIPTOR_INCOMPLETE");
+        LocalStore* store = m_app.window()->desktopBridge()->localStore();
+        QCOMPARE(store->getDocument(document)["current_version"].toObject()["kind"], "SIGNED");
     }
 
     void heartbeatBeforeTheApplication()
     {
-        QCOMPARE(service().paths(), QStringList{"POST /sign/api/v1/heartbeat"});
-        const RecordedRequest& beat = service().requests.first();
+        // The start-up mirror retry talks to the service meanwhile, from its own thread.
+        QCOMPARE(service().paths().filter("heartbeat"), QStringList{"POST /sign/api/v1/heartbeat"});
+        const RecordedRequest& beat =
+            service().requests.at(service().paths().indexOf("POST /sign/api/v1/heartbeat"));
         QCOMPARE(beat.header("Authorization") + '|' + beat.header("X-Vantro-Sign-Device-Id"),
                  "Bearer s3cret|dev-e2e");
         // Keys in their order; no USB helper is installed beside the test program.
