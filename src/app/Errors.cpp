@@ -28,6 +28,13 @@ CodedError::CodedError(const QString& code, const QString& message)
 {
 }
 
+QString describeFailure(const std::exception& failure)
+{
+    const QString text = QString::fromUtf8(failure.what());
+    const auto* coded = dynamic_cast<const CodedError*>(&failure);
+    return coded ? text + QStringLiteral(" (") + coded->message() + QLatin1Char(')') : text;
+}
+
 void fail(const QString& code, const QString& detail)
 {
     throw VantroError(code, detail);

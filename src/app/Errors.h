@@ -30,6 +30,9 @@ private:
     QString m_message;
 };
 
+// The exception's text for a log line; a CodedError's page message is added to its code.
+QString describeFailure(const std::exception& failure);
+
 [[noreturn]] void fail(const QString& code, const QString& detail = {});
 
 struct ErrorParts

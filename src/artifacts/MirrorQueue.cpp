@@ -222,7 +222,8 @@ QJsonObject MirrorQueue::process(const QString& id, OrderedObject* mirrored)
                                              {QStringLiteral("last_error"), QString()}});
     } catch (const std::exception& failure) {
         const QString error = QString::fromUtf8(failure.what());
-        qCWarning(lcArtifacts).noquote() << "mirror of" << id << "failed:" << error;
+        qCWarning(lcArtifacts).noquote()
+            << "mirror of" << id << "failed:" << describeFailure(failure);
         try {
             m_store.updateMirrorItem(
                 id, {{QStringLiteral("status"), isExpired(error) ? QStringLiteral("EXPIRED_PURGED")

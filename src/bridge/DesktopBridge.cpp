@@ -277,7 +277,7 @@ OrderedObject DesktopBridge::guarded(const QString& method,
     try {
         return run();
     } catch (const CodedError& failure) {
-        qCWarning(lcBridge).noquote() << method << "failed:" << failure.text();
+        qCWarning(lcBridge).noquote() << method << "failed:" << describeFailure(failure);
         return error(failure.code(), failure.message());
     } catch (const std::exception& failure) {
         const ErrorParts parts = splitErrorText(QString::fromUtf8(failure.what()));

@@ -174,6 +174,23 @@ private Q_SLOTS:
         QCOMPARE(service().requests.size(), 0);
     }
 
+    // A file where the target folder should be: the write fails with the file system's words and
+    // leaves nothing behind.
+    void failedWriteLeavesNoFile()
+    {
+        QFile blocker(inRoot("Pasirasyta"));
+        QVERIFY(blocker.open(QIODevice::WriteOnly));
+        blocker.close();
+        serve("art-1");
+        acknowledge();
+        const QVariant result = m_sx->call("sign:mirrorArtifact", {descriptor("art-1")});
+        QCOMPARE(codeOf(result), "VANTRO_SIGN_MIRROR_WRITE_FAILED");
+        QVERIFY(!variantMember(variantMember(result, "error"), "message").toString().isEmpty());
+        QCOMPARE(row("art-1"), "FAILED|1|VANTRO_SIGN_MIRROR_WRITE_FAILED");
+        QCOMPARE(QFileInfo(inRoot("Pasirasyta")).size(), 0);
+        QCOMPARE(store().listVersions(m_sx->documentId).size(), 1);
+    }
+
     void emptyExpectedHashSkipsTheCheck()
     {
         serve("art-1", 200, "%PDF whatever came");
