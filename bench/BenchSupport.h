@@ -2,9 +2,13 @@
 
 // Timing, reference tools and the BENCH line shared by the benchmarks.
 #include <QCoreApplication>
+#include <QDir>
 #include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
 #include <QLoggingCategory>
 #include <QProcess>
+#include <QRandomGenerator>
 #include <QString>
 #include <QStringList>
 
@@ -67,6 +71,23 @@ inline QByteArray runTool(const QString& program, const QStringList& arguments,
         process.exitCode() != 0)
         qFatal("%s failed: %s", qPrintable(program), qPrintable(process.errorString()));
     return keepOutput ? process.readAllStandardOutput() : QByteArray();
+}
+
+// Writes `size` random bytes (incompressible, like a signed document) to `path`, creating its
+// folder; answers the path.
+inline QString writeRandomFile(const QString& path, qint64 size)
+{
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        qFatal("cannot write %s", qPrintable(path));
+    QByteArray block(1 << 20, Qt::Uninitialized);
+    for (qint64 written = 0; written < size; written += block.size()) {
+        QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(block.data()),
+                                              block.size() / 4);
+        file.write(block.constData(), qMin<qint64>(block.size(), size - written));
+    }
+    return path;
 }
 
 // Prints the figure's BENCH line; true when the ratio is within the target.

@@ -16,7 +16,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -62,21 +61,6 @@ SELECT json_group_array(json(document)) FROM (
   WHERE d.status <> 'MISSING' AND COALESCE(d.purged_at, '') = ''
   ORDER BY d.updated_at DESC, d.created_at DESC))");
 
-QString writeRandomFile(const QString& path)
-{
-    QDir().mkpath(QFileInfo(path).absolutePath());
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    QByteArray block(1 << 20, Qt::Uninitialized);
-    for (qint64 written = 0; written < kFileSize; written += block.size()) {
-        QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(block.data()),
-                                              block.size() / 4);
-        file.write(block);
-    }
-    return path;
-}
-
 class Workspace
 {
 public:
@@ -103,7 +87,8 @@ private:
 
 std::pair<double, double> importOutside(Workspace& ws)
 {
-    const QString source = writeRandomFile(ws.path(QStringLiteral("outside/Sutartis.pdf")));
+    const QString source =
+        benchsupport::writeRandomFile(ws.path(QStringLiteral("outside/Sutartis.pdf")), kFileSize);
     const QString copy = ws.path(QStringLiteral("reference/Sutartis.pdf"));
     QDir().mkpath(QFileInfo(copy).absolutePath());
     ws.store().open();
@@ -124,7 +109,8 @@ std::pair<double, double> importOutside(Workspace& ws)
 
 std::pair<double, double> importInside(Workspace& ws)
 {
-    const QString file = writeRandomFile(ws.root() + QStringLiteral("/Projektai/Sutartis.pdf"));
+    const QString file = benchsupport::writeRandomFile(
+        ws.root() + QStringLiteral("/Projektai/Sutartis.pdf"), kFileSize);
     ws.store().open();
     return compare([&] { ws.store().importFiles({file}); },
                    [&] {

@@ -9,7 +9,6 @@
 
 #include <QFile>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QTemporaryDir>
 
@@ -39,20 +38,6 @@ void resetPeak()
     QFile clear(QStringLiteral("/proc/self/clear_refs"));
     if (!clear.open(QIODevice::WriteOnly) || clear.write("5") != 1)
         qWarning("cannot reset the peak; the baseline is the peak so far");
-}
-
-QString writeFile(const QString& path, qint64 size)
-{
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        qFatal("cannot write %s", qPrintable(path));
-    QByteArray chunk(kMiB, Qt::Uninitialized);
-    for (qint64 written = 0; written < size; written += chunk.size()) {
-        QRandomGenerator::global()->fillRange(reinterpret_cast<quint32*>(chunk.data()),
-                                              chunk.size() / sizeof(quint32));
-        file.write(chunk.left(size - written));
-    }
-    return path;
 }
 
 // The stand-in runs in a process of its own, so that its copy of the body is not counted.
@@ -93,8 +78,9 @@ int main(int argc, char** argv)
     vantro::SignApiClient api(&state);
     api.setBaseUrl(QStringLiteral("http://127.0.0.1:%1").arg(port));
     // A small upload first: libraries, buffers and the connection are in place before measuring.
-    upload(api, writeFile(dir.filePath(QStringLiteral("warm.bin")), kMiB));
-    const QString big = writeFile(dir.filePath(QStringLiteral("big.bin")), kFileSize);
+    upload(api, benchsupport::writeRandomFile(dir.filePath(QStringLiteral("warm.bin")), kMiB));
+    const QString big =
+        benchsupport::writeRandomFile(dir.filePath(QStringLiteral("big.bin")), kFileSize);
     (void)vantro::sha256File(big); // hashing is not what is measured; done before the reset
 
     resetPeak();

@@ -143,9 +143,6 @@ OrderedObject MirrorQueue::mirrorStep(const QVariantMap& descriptor)
         target = insideRoot(root, rootrules::uniquePath(target));
     if (!same) {
         try {
-            if (!QDir().mkpath(QFileInfo(target).absolutePath()))
-                fail(QStringLiteral("VANTRO_SIGN_LOCAL_FILE_WRITE_FAILED"),
-                     QStringLiteral("cannot create the folder of %1").arg(target));
             localfiles::writeNewFile(target, bytes);
         } catch (const VantroError& error) {
             // The page is told the file system's own words (after the store's code).

@@ -73,6 +73,8 @@ void writeNewFile(const QString& target, const QByteArray& bytes)
         fail(QStringLiteral("VANTRO_SIGN_LOCAL_FILE_WRITE_FAILED"),
              QStringLiteral("%1: %2").arg(target, error));
     };
+    if (!QDir().mkpath(QFileInfo(target).absolutePath()))
+        failed(QStringLiteral("cannot create its folder"));
     if (!partial.open(QIODevice::WriteOnly | QIODevice::NewOnly))
         failed(partial.errorString());
     if (partial.write(bytes) != bytes.size() || !platform::syncToDisk(partial))

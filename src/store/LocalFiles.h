@@ -25,10 +25,10 @@ struct CopiedFile
 // and then leaves no partial file behind.
 CopiedFile copyIntoOriginals(const QString& root, const QString& source, const QDate& localDate);
 
-// Writes `bytes` as the new file `target` all at once: through a hidden ".partial" file beside
-// it (never taken for a document), synced to disk and renamed into place. A crash or a full
-// disk leaves no file at `target`, and an existing file there is never replaced. Throws
-// VANTRO_SIGN_LOCAL_FILE_WRITE_FAILED with the file system's error text.
+// Writes `bytes` as the new file `target` all at once, creating its folder: through a hidden
+// ".partial" file beside it (never taken for a document), synced to disk and renamed into place. A
+// crash or a full disk leaves no file at `target`, and an existing file there is never replaced.
+// Throws VANTRO_SIGN_LOCAL_FILE_WRITE_FAILED with the file system's error text.
 void writeNewFile(const QString& target, const QByteArray& bytes);
 
 } // namespace vantro::localfiles

@@ -4,6 +4,8 @@
 #include <QJsonDocument>
 #include <QTcpSocket>
 
+#include <algorithm>
+
 namespace vantro::testing {
 
 namespace {
@@ -48,10 +50,9 @@ QByteArray RecordedRequest::header(const QByteArray& name) const
 
 bool RecordedRequest::hasHeader(const QByteArray& name) const
 {
-    for (const auto& entry : headers)
-        if (entry.first.compare(name, Qt::CaseInsensitive) == 0)
-            return true;
-    return false;
+    return std::any_of(headers.cbegin(), headers.cend(), [&](const auto& entry) {
+        return entry.first.compare(name, Qt::CaseInsensitive) == 0;
+    });
 }
 
 QJsonObject RecordedRequest::json() const
