@@ -5,6 +5,7 @@
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeLogging.h"
 #include "bridge/DesktopBridge.h"
+#include "usb/RuntimeBridge.h"
 
 #include <QDir>
 #include <QFutureWatcher>
@@ -23,7 +24,8 @@ const QString kReconcileMethod = QStringLiteral("sign:reconcileLocalRoot");
 
 // Runs one asynchronous call on the worker: its own components, built and destroyed here, so
 // nothing of the main thread's is touched from the pool.
-OrderedObject runOnWorker(const WorkerFactory& factory, const QString& method,
+OrderedObject runOnWorker(const WorkerFactory& factory,
+                          const std::shared_ptr<HelperRegistry>& helpers, const QString& method,
                           const QVariantList& args, const QString& sourceUri)
 {
     return DesktopBridge::guarded(method, [&] {
@@ -31,6 +33,7 @@ OrderedObject runOnWorker(const WorkerFactory& factory, const QString& method,
         if (!components || !components->bridge)
             return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_BRIDGE_ERROR"),
                                         QStringLiteral("Worker components are unavailable."));
+        components->bridge->useHelperRegistry(helpers);
         return components->bridge->handle(method, args, sourceUri);
     });
 }
@@ -40,6 +43,11 @@ QString revealOperationId(const QVariantList& args)
 {
     const QVariant id = bridgeargs::objectAt(args, 0).value(QStringLiteral("operationId"));
     return id.typeId() == QMetaType::QString ? id.toString().trimmed() : QString();
+}
+
+std::shared_ptr<HelperRegistry> helperRegistryOf(const DesktopBridge* bridge)
+{
+    return bridge ? bridge->helperRegistry() : nullptr;
 }
 
 bool isOkResult(const OrderedObject& result)
@@ -52,14 +60,18 @@ bool isOkResult(const OrderedObject& result)
 // Members go in reverse order: the bridge and its store before the client and the state.
 WorkerComponents::~WorkerComponents() = default;
 
-WorkerFactory defaultWorkerFactory(const QString& deviceJsonPath)
+WorkerFactory defaultWorkerFactory(const QString& deviceJsonPath,
+                                   std::function<void(SignApiClient&)> configure)
 {
-    return [deviceJsonPath] {
+    return [deviceJsonPath, configure] {
         auto components = std::make_unique<WorkerComponents>();
         components->state = std::make_unique<AppState>(deviceJsonPath);
+        components->runtime = std::make_unique<RuntimeBridge>();
         components->api = std::make_unique<SignApiClient>(components->state.get());
-        components->bridge =
-            std::make_unique<DesktopBridge>(components->state.get(), components->api.get());
+        if (configure)
+            configure(*components->api);
+        components->bridge = std::make_unique<DesktopBridge>(
+            components->state.get(), components->runtime.get(), components->api.get());
         return components;
     };
 }
@@ -126,7 +138,7 @@ void BridgeChannel::runAsync(const QString& id, const QString& method, const QVa
         postResult(id, result);
     });
     watcher->setFuture(QtConcurrent::run(QThreadPool::globalInstance(), runOnWorker, m_workers,
-                                         method, args, sourceUri));
+                                         helperRegistryOf(m_bridge), method, args, sourceUri));
 }
 
 bool BridgeChannel::registerRevealOperation(const QString& operationId)

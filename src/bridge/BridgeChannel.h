@@ -14,6 +14,7 @@ namespace vantro {
 
 class AppState;
 class DesktopBridge;
+class RuntimeBridge;
 class SignApiClient;
 
 // What the bridge needs from the browser host: post an answer, run a script in the page.
@@ -40,14 +41,17 @@ public:
 struct WorkerComponents
 {
     std::unique_ptr<AppState> state;
+    std::unique_ptr<RuntimeBridge> runtime;
     std::unique_ptr<SignApiClient> api;
     std::unique_ptr<DesktopBridge> bridge;
     ~WorkerComponents();
 };
 using WorkerFactory = std::function<std::unique_ptr<WorkerComponents>()>;
 
-// Builds the standard worker set: a fresh AppState on the same device.json, a client and a bridge.
-WorkerFactory defaultWorkerFactory(const QString& deviceJsonPath);
+// Builds the standard worker set: a fresh AppState on the same device.json, the saved-PIN
+// state, a client and a bridge. `configure` may adjust the client (tests point it elsewhere).
+WorkerFactory defaultWorkerFactory(const QString& deviceJsonPath,
+                                   std::function<void(SignApiClient&)> configure = {});
 
 // The web-view side of the protocol: parses page messages, runs calls synchronously or on the
 // thread pool, applies completion hooks and posts answers; also pushes desktop events.

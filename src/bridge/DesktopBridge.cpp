@@ -5,15 +5,15 @@
 #include "app/Errors.h"
 #include "bridge/BridgeDispatch.h"
 #include "bridge/BridgeLogging.h"
-#include "bridge/NativeHost.h"
 #include "store/LocalStore.h"
+#include "usb/HelperRegistry.h"
+#include "usb/RuntimeBridge.h"
 #include "vantro_config.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDeadlineTimer>
 #include <QFileInfo>
-#include <QMutexLocker>
 #include <QPair>
 #include <QSet>
 #include <QThread>
@@ -146,13 +146,24 @@ QPair<int, int> mirrorCountsOf(LocalStore* store)
     }
 }
 
+int savedPinCountOf(RuntimeBridge* runtime)
+{
+    if (!runtime)
+        return 0;
+    runtime->refresh();
+    return runtime->savedPinCount();
+}
+
 } // namespace
 
-DesktopBridge::DesktopBridge(AppState* state, SignApiClient* api, QObject* parent)
+DesktopBridge::DesktopBridge(AppState* state, RuntimeBridge* runtime, SignApiClient* api,
+                             QObject* parent)
     : QObject(parent)
     , m_state(state)
+    , m_runtime(runtime)
     , m_api(api)
     , m_store(new LocalStore(state, this))
+    , m_helpers(std::make_shared<HelperRegistry>(QCoreApplication::applicationDirPath()))
 {
 }
 
@@ -221,39 +232,33 @@ bool DesktopBridge::isExclusive(const QString& method)
 
 QString DesktopBridge::locateHelperExecutable(const QString& fileName)
 {
-    QMutexLocker lock(&m_helperMutex);
-    const auto cached = m_helperLocations.constFind(fileName);
-    if (cached != m_helperLocations.constEnd())
-        return cached.value();
-    // A miss is remembered too: a helper installed while the program runs is found after a
-    // restart, so a missing helper costs no file-system probes per status query.
-    const QString found = findHelperExecutable(QCoreApplication::applicationDirPath(), fileName);
-    m_helperLocations.insert(fileName, found);
-    return found;
+    return m_helpers->locate(fileName);
+}
+
+void DesktopBridge::useHelperRegistry(std::shared_ptr<HelperRegistry> registry)
+{
+    if (registry)
+        m_helpers = std::move(registry);
 }
 
 OrderedObject DesktopBridge::helperRuntime()
 {
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
-    {
-        QMutexLocker lock(&m_helperMutex);
-        const qint64 age = now - m_helperCachedAtMs;
-        if (!m_helperCache.isEmpty() && age >= 0 && age < kHelperCacheMs)
-            return m_helperCache;
-    }
+    OrderedObject status = m_helpers->cachedStatus(now, kHelperCacheMs);
+    if (!status.isEmpty())
+        return status;
     // Probing the file system and the database runs unlocked; concurrent builders just race
     // to store equivalent objects.
-    const OrderedObject built = buildHelperRuntime();
-    QMutexLocker lock(&m_helperMutex);
-    m_helperCache = built;
-    m_helperCachedAtMs = now;
-    return built;
+    status = buildHelperRuntime();
+    m_helpers->storeStatus(status, now);
+    return status;
 }
 
 OrderedObject DesktopBridge::buildHelperRuntime()
 {
     const QString host = locateHelperExecutable(nativeHostFileName());
     const QPair<int, int> mirror = mirrorCountsOf(m_store);
+    const int savedPins = savedPinCountOf(m_runtime);
     return OrderedObject{
         {QStringLiteral("helperAvailable"), !host.isEmpty()},
         {QStringLiteral("helperBackgroundRunning"), true},
@@ -263,9 +268,8 @@ OrderedObject DesktopBridge::buildHelperRuntime()
          host.isEmpty() ? QString() : QFileInfo(host).absolutePath()},
         // The host program signs a batch in one session itself.
         {QStringLiteral("usbSignBatchNative"), true},
-        // No stored-PIN state in this build: nothing saved.
-        {QStringLiteral("storedPinAvailable"), false},
-        {QStringLiteral("savedPinCount"), 0},
+        {QStringLiteral("storedPinAvailable"), savedPins > 0},
+        {QStringLiteral("savedPinCount"), savedPins},
         {QStringLiteral("pendingMirrorCount"), mirror.first},
         {QStringLiteral("failedMirrorCount"), mirror.second},
     };

@@ -2,13 +2,12 @@
 
 #include "app/OrderedJson.h"
 
-#include <QHash>
-#include <QMutex>
 #include <QObject>
 #include <QString>
 #include <QVariantList>
 
 #include <functional>
+#include <memory>
 
 namespace vantro {
 
@@ -16,6 +15,8 @@ class AppState;
 class SignApiClient;
 class DesktopShell;
 class LocalStore;
+class RuntimeBridge;
+class HelperRegistry;
 
 // Routes page calls ("sign:" and "usb:" methods) to the components that do the work and wraps
 // their outcome as result objects: {ok: true, value} or {ok: false, error: {code, message}}.
@@ -23,7 +24,9 @@ class DesktopBridge : public QObject
 {
     Q_OBJECT
 public:
-    DesktopBridge(AppState* state, SignApiClient* api, QObject* parent = nullptr);
+    // `runtime` (saved PINs) may be absent: the helper status then reports none saved.
+    DesktopBridge(AppState* state, RuntimeBridge* runtime, SignApiClient* api,
+                  QObject* parent = nullptr);
     ~DesktopBridge() override;
 
     // Origin check, exclusive rule and routing. Safe on any thread for a bridge built there.
@@ -52,11 +55,17 @@ public:
 
     // The ten-key helper-runtime object, cached for 1000 ms.
     OrderedObject helperRuntime();
-    // Absolute path of a helper program beside the application, or empty; cached per bridge,
-    // misses included.
+    // Absolute path of a helper program beside the application, or empty; cached, misses
+    // included, for as long as the registry lives.
     QString locateHelperExecutable(const QString& fileName);
 
+    // Helper locations and the status cache. A bridge built for a worker call takes the
+    // window bridge's registry, so both caches outlive the call.
+    std::shared_ptr<HelperRegistry> helperRegistry() const { return m_helpers; }
+    void useHelperRegistry(std::shared_ptr<HelperRegistry> registry);
+
     AppState* state() const { return m_state; }
+    RuntimeBridge* runtime() const { return m_runtime; }
     SignApiClient* api() const { return m_api; }
     LocalStore* localStore() const { return m_store; }
 
@@ -65,13 +74,11 @@ private:
     OrderedObject route(const QString& method, const QVariantList& args);
 
     AppState* m_state = nullptr;
+    RuntimeBridge* m_runtime = nullptr;
     SignApiClient* m_api = nullptr;
     DesktopShell* m_shell = nullptr;
     LocalStore* m_store = nullptr;
-    QMutex m_helperMutex; // guards the helper locations and the helper-runtime cache
-    QHash<QString, QString> m_helperLocations;
-    OrderedObject m_helperCache;
-    qint64 m_helperCachedAtMs = -1;
+    std::shared_ptr<HelperRegistry> m_helpers;
 };
 
 } // namespace vantro

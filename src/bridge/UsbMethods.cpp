@@ -1,33 +1,23 @@
-// The "usb:" method table. Only the presence check is answered here; the card methods belong
-// to the native host client and answer "not available" until it is part of the build.
+// The "usb:" method table. Handlers: bridge/UsbCardMethods; the host exchange itself:
+// usb/NativeHostClient.
 #include "bridge/BridgeDispatch.h"
-#include "bridge/DesktopBridge.h"
-#include "bridge/NativeHost.h"
+#include "bridge/UsbCardMethods.h"
 
 namespace vantro {
 
-namespace {
-
-constexpr char kUsbHelper[] = "USB/eID helper";
-
-OrderedObject isAvailable(DesktopBridge& bridge, const QVariantList&)
-{
-    return DesktopBridge::ok(!bridge.locateHelperExecutable(nativeHostFileName()).isEmpty());
-}
-
-} // namespace
-
 const DispatchTable& usbMethodTable()
 {
-    static const DispatchTable table{"VANTRO_USB_HELPER_UNAVAILABLE",
-                                     {
-                                         methodRow("usb:isAvailable", isAvailable, NeedsNothing),
-                                         pendingRow("usb:diagnose", kUsbHelper),
-                                         pendingRow("usb:getSigningCertificate", kUsbHelper),
-                                         pendingRow("usb:sign", kUsbHelper),
-                                         pendingRow("usb:signBatch", kUsbHelper),
-                                         pendingRow("usb:authenticate", kUsbHelper),
-                                     }};
+    using namespace usbmethods;
+    static const DispatchTable table{
+        "VANTRO_USB_HELPER_UNAVAILABLE",
+        {
+            methodRow("usb:isAvailable", isAvailable, NeedsNothing),
+            methodRow("usb:diagnose", diagnose, NeedsNothing),
+            methodRow("usb:getSigningCertificate", getSigningCertificate, NeedsNothing),
+            methodRow("usb:sign", sign, NeedsNothing),
+            methodRow("usb:signBatch", signBatch, NeedsNothing),
+            methodRow("usb:authenticate", authenticate, NeedsNothing),
+        }};
     return table;
 }
 

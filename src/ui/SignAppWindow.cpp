@@ -15,6 +15,7 @@
 #include "ui/SystemDesktopShell.h"
 #include "ui/Theme.h"
 #include "ui/WebHost.h"
+#include "usb/RuntimeBridge.h"
 
 #include <QFutureWatcher>
 #include <QMessageBox>
@@ -58,8 +59,10 @@ SignAppWindow::SignAppWindow(QWidget* parent)
     resize(kDefaultWidth, kDefaultHeight);
 
     m_state = new AppState(this);
+    m_runtime = new RuntimeBridge(this);
+    m_runtime->setUrlOpener([this](const QUrl& url) { return m_shell->openUrl(url); });
     m_api = new SignApiClient(m_state, this);
-    m_bridge = new DesktopBridge(m_state, m_api, this);
+    m_bridge = new DesktopBridge(m_state, m_runtime, m_api, this);
     m_bridge->setDesktopShell(m_shell);
     m_channel = new BridgeChannel(m_bridge, m_api, defaultWorkerFactory(m_state->filePath()), this);
     m_channel->setCompletionHooks(this);

@@ -14,6 +14,7 @@ class QMessageBox;
 namespace vantro {
 
 class AppState;
+class RuntimeBridge;
 class SignApiClient;
 class DesktopBridge;
 class DesktopShell;
@@ -78,6 +79,7 @@ private:
     void completeArtifactReveal(const QVariant& value) override;
 
     AppState* m_state = nullptr;
+    RuntimeBridge* m_runtime = nullptr;
     SignApiClient* m_api = nullptr;
     DesktopBridge* m_bridge = nullptr;
     BridgeChannel* m_channel = nullptr;

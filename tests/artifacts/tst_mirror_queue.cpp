@@ -304,7 +304,7 @@ private Q_SLOTS:
         QCOMPARE(row("done"), "ACKNOWLEDGED|0|");
 
         // The counts the page and the service see (a fresh bridge: the status is cached).
-        DesktopBridge fresh(&m_sx->fx.state, &m_sx->fx.api);
+        DesktopBridge fresh(&m_sx->fx.state, &m_sx->fx.runtime, &m_sx->fx.api);
         const OrderedObject helper = fresh.helperRuntime();
         QCOMPARE(helper.value("pendingMirrorCount"), 0);
         QCOMPARE(helper.value("failedMirrorCount"), 1);

@@ -6,6 +6,7 @@
 #include "bridge/BridgeChannel.h"
 #include "bridge/DesktopBridge.h"
 #include "bridge/DesktopShell.h"
+#include "usb/RuntimeBridge.h"
 
 #include <QDir>
 #include <QFile>
@@ -85,7 +86,8 @@ struct BridgeFixture
     AppState state{prepareProfile(home.path())}; // the profile first, then device.json is read
     SignApiClient api{&state};
     FakeShell shell;
-    DesktopBridge bridge{&state, &api};
+    RuntimeBridge runtime{home.filePath(QStringLiteral("pins")), nullptr};
+    DesktopBridge bridge{&state, &runtime, &api};
     const QString source = api.webAppUrl().toString();
 };
 

@@ -74,7 +74,7 @@ private Q_SLOTS:
         // A reveal without a usable operation id is refused at once, without a worker.
         addRow("reveal, blank id", callJson(kReveal, R"([{"operationId":" "}])"), "", -1, kInvalid);
         const QString usb = callJson("usb:diagnose");
-        const QString helper = "USB/eID helper is not available in this build.";
+        const QString helper = "Vantro Sign middleware CLI was not found.";
         addRow("on a worker", usb, "", 0, err("VANTRO_USB_HELPER_UNAVAILABLE", helper));
         addRow("no worker set", usb, "", 1, err(fallback, "Worker components are unavailable."));
         addRow("factory throws coded", usb, "", 2, err("VANTRO_TEST", "VANTRO_TEST: broken"));

@@ -5,7 +5,7 @@
 #include "app/FileHash.h"
 #include "bridge/BridgeArgs.h"
 #include "bridge/BridgeDispatch.h"
-#include "bridge/NativeHost.h"
+#include "usb/HelperRegistry.h"
 #include "store/LocalStore.h"
 #include "vantro_config.h"
 
@@ -112,7 +112,7 @@ private Q_SLOTS:
         for (const QString& source : QStringList{"", "https://evil.example/sign/app/", app + "/x"})
             codes << codeOf(f->bridge.handle("sign:pickFiles", {}, source).toVariant());
         codes << codeOf(
-            DesktopBridge(&f->state, nullptr).handle("sign:getTheme", {}, f->source).toVariant());
+            DesktopBridge(&f->state, nullptr, nullptr).handle("sign:getTheme", {}, f->source).toVariant());
         QCOMPARE(codes, QStringList(4, "ERR_VANTRO_ORIGIN_FORBIDDEN"));
         QVERIFY(f->shell.calls.isEmpty());
     }
@@ -273,7 +273,7 @@ private Q_SLOTS:
         QCOMPARE(f->bridge.helperRuntime(), helper);
         QTest::qSleep(1050);
         QCOMPARE(f->bridge.helperRuntime().value("pendingMirrorCount").toInt(), 1);
-        DesktopBridge restarted(&f->state, &f->api);
+        DesktopBridge restarted(&f->state, &f->runtime, &f->api);
         QVERIFY(restarted.handle("usb:isAvailable", {}, f->source).value("value").toBool());
         // Search order: installing candidates from the last to the first, each new one takes
         // over; a folder of the program's name is no program.

@@ -20,15 +20,10 @@ private:
     // Worker components on the fixture's profile, talking to its stand-in.
     WorkerFactory workers()
     {
-        return [path = m_sx->fx.state.filePath(), origin = m_sx->service.origin()] {
-            auto components = std::make_unique<WorkerComponents>();
-            components->state = std::make_unique<AppState>(path);
-            components->api = std::make_unique<SignApiClient>(components->state.get());
-            components->api->setBaseUrl(origin);
-            components->bridge =
-                std::make_unique<DesktopBridge>(components->state.get(), components->api.get());
-            return components;
-        };
+        return defaultWorkerFactory(m_sx->fx.state.filePath(),
+                                    [origin = m_sx->service.origin()](SignApiClient& api) {
+                                        api.setBaseUrl(origin);
+                                    });
     }
 
 private Q_SLOTS:

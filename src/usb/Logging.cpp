@@ -1,0 +1,3 @@
+#include "usb/Logging.h"
+
+Q_LOGGING_CATEGORY(lcUsb, "vantro.usb")
