@@ -40,8 +40,7 @@ OrderedObject diagnose(DesktopBridge& bridge, const QVariantList&)
 {
     const QString cli = bridge.locateHelperExecutable(middlewareCliFileName());
     if (cli.isEmpty())
-        throw CodedError(kUnavailable,
-                         QStringLiteral("Vantro Sign middleware CLI was not found."));
+        throw CodedError(kUnavailable, QStringLiteral("Vantro Sign middleware CLI was not found."));
     QJsonObject report = runMiddlewareDiagnose(cli, kDiagnoseTimeoutMs);
     QVariantMap value = report.toVariantMap();
     value.insert(QStringLiteral("vantroRuntime"), bridge.helperRuntime().toVariant());

@@ -37,8 +37,7 @@ QByteArray encodeNativeFrame(const QByteArray& body)
     return frame + body;
 }
 
-QByteArray readNativeFrame(QProcess& process, QByteArray& buffer, int timeoutMs,
-                           QString* errorOut)
+QByteArray readNativeFrame(QProcess& process, QByteArray& buffer, int timeoutMs, QString* errorOut)
 {
     errorOut->clear();
     QByteArray errorText;

@@ -17,7 +17,6 @@ QByteArray encodeNativeFrame(const QByteArray& body);
 // with `errorOut` set: the helper's trimmed standard-error text when it wrote any, else a
 // timeout message; a length above the limit fails at once. A zero-length frame also returns
 // empty, with `errorOut` empty.
-QByteArray readNativeFrame(QProcess& process, QByteArray& buffer, int timeoutMs,
-                           QString* errorOut);
+QByteArray readNativeFrame(QProcess& process, QByteArray& buffer, int timeoutMs, QString* errorOut);
 
 } // namespace vantro

@@ -28,10 +28,9 @@ QStringList storedPinFiles(const QString& directory)
 QString defaultStoredPinDirectory()
 {
     const QString localAppData = qEnvironmentVariable("LOCALAPPDATA");
-    const QString base =
-        localAppData.isEmpty()
-            ? QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
-            : localAppData;
+    const QString base = localAppData.isEmpty()
+                             ? QStandardPaths::writableLocation(QStandardPaths::GenericDataLocation)
+                             : localAppData;
     return QDir(base).filePath(QStringLiteral("Vantro/HighRisk"));
 }
 

@@ -20,10 +20,9 @@ private:
     // Worker components on the fixture's profile, talking to its stand-in.
     WorkerFactory workers()
     {
-        return defaultWorkerFactory(m_sx->fx.state.filePath(),
-                                    [origin = m_sx->service.origin()](SignApiClient& api) {
-                                        api.setBaseUrl(origin);
-                                    });
+        return defaultWorkerFactory(
+            m_sx->fx.state.filePath(),
+            [origin = m_sx->service.origin()](SignApiClient& api) { api.setBaseUrl(origin); });
     }
 
 private Q_SLOTS:

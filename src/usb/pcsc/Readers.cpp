@@ -31,8 +31,7 @@ public:
     {
         DWORD protocol = 0;
         *status = VANTRO_SCardConnect(context.handle(), reader.constData(), SCARD_SHARE_SHARED,
-                                      SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &m_handle,
-                                      &protocol);
+                                      SCARD_PROTOCOL_T0 | SCARD_PROTOCOL_T1, &m_handle, &protocol);
         m_connected = *status == SCARD_S_SUCCESS;
     }
     ~CardHandle()
