@@ -9,6 +9,7 @@ packages=(
     qt6-webengine-dev qt6-webchannel-dev qt6-httpserver-dev qt6-websockets-dev
     qt6-svg-dev libqt6svg6
     libssl-dev openssl libsecret-1-dev libpcsclite-dev
+    pcscd vsmartcard-vpcd pcsc-tools
     g++-mingw-w64-x86-64-posix
     sqlite3 xvfb xauth
 )

@@ -1,5 +1,6 @@
 #include "usb/pcsc/ReaderMonitor.h"
 
+#include "usb/pcsc/Logging.h"
 #include "usb/pcsc/PcscApi.h"
 
 #include <QMutexLocker>
@@ -33,12 +34,13 @@ ReaderMonitor::~ReaderMonitor()
 void ReaderMonitor::stop()
 {
     m_stop.store(true);
-    {
+    // The thread may be just about to enter the wait when the first cancel comes: cancel
+    // again until it has ended.
+    while (!wait(kStopSliceMs)) {
         QMutexLocker lock(&m_contextMutex);
         if (m_hasContext)
             SCardCancel(SCARDCONTEXT(m_context));
     }
-    wait();
 }
 
 void ReaderMonitor::run()
@@ -100,11 +102,14 @@ bool ReaderMonitor::watchUntilServiceLost()
     while (!m_stop.load()) {
         const LONG status = VANTRO_SCardGetStatusChange(context->handle(), INFINITE, states.data(),
                                                         DWORD(states.size()));
+        qCDebug(lcPcsc) << "status change" << quint32(status);
         if (status == LONG(SCARD_E_CANCELLED) || status == LONG(SCARD_E_UNKNOWN_READER) ||
             status == LONG(SCARD_E_READER_UNAVAILABLE))
             return true;
-        if (status != SCARD_S_SUCCESS && status != LONG(SCARD_E_TIMEOUT))
+        if (status != SCARD_S_SUCCESS && status != LONG(SCARD_E_TIMEOUT)) {
+            qCInfo(lcPcsc) << "reader watch ended, PC/SC code" << quint32(status);
             return false;
+        }
         const bool readersChanged = primed && (states.back().dwEventState & SCARD_STATE_CHANGED);
         for (VantroReaderState& state : states)
             state.dwCurrentState = state.dwEventState & ~DWORD(SCARD_STATE_CHANGED);

@@ -1,16 +1,14 @@
 #include "usb/pcsc/Readers.h"
 
 #include "usb/pcsc/CardProfiles.h"
+#include "usb/pcsc/Logging.h"
 #include "usb/pcsc/PcscApi.h"
 
 #include <QByteArray>
-#include <QLoggingCategory>
 
 #include <memory>
 
 namespace vantro::pcsc {
-
-Q_LOGGING_CATEGORY(lcPcsc, "vantro.pcsc")
 
 namespace {
 
