@@ -8,6 +8,7 @@
 #include "app/OrderedJson.h"
 #include "bridge/DesktopBridge.h"
 #include "store/LocalStore.h"
+#include "ui/DiagnosticsView.h"
 #include "ui/DropImport.h"
 #include "ui/LocalRootWatch.h"
 #include "ui/Logging.h"
@@ -18,6 +19,7 @@
 #include "usb/RuntimeBridge.h"
 
 #include <QFutureWatcher>
+#include <QMenuBar>
 #include <QMessageBox>
 #include <QtConcurrent/QtConcurrentRun>
 
@@ -40,12 +42,7 @@ const QString kActivationNotice =
 const QString kActivationLinkNotice =
     QStringLiteral("Aktyvavimo nuoroda gauta, tačiau kompiuterio aktyvavimas šioje Vantro Sign "
                    "versijoje dar neprieinamas.");
-const QString kDiagnosticsNotice =
-    QStringLiteral("Diagnostika šioje Vantro Sign versijoje dar neprieinama.");
-const QString kRemovePinsNotice =
-    QStringLiteral("Išsaugotų PIN šalinimas šioje Vantro Sign versijoje dar neprieinamas.");
-const QString kPinFolderNotice =
-    QStringLiteral("PIN aplankas šioje Vantro Sign versijoje dar neprieinamas.");
+const QString kPinFolderFailed = QStringLiteral("PIN aplanko atidaryti nepavyko.");
 
 } // namespace
 
@@ -68,6 +65,7 @@ SignAppWindow::SignAppWindow(QWidget* parent)
     m_channel->setCompletionHooks(this);
 
     buildWebHost();
+    buildHelpMenu();
     applyStateTheme();
     connect(m_state, &AppState::changed, this, &SignAppWindow::applyStateTheme);
     watchLocalRoot();
@@ -107,6 +105,15 @@ void SignAppWindow::buildWebHost()
 
 // Files the user puts into the root reach the page without a reload; a root chosen later moves
 // the watch with it.
+// The window's own way to the diagnostics, besides the tray.
+void SignAppWindow::buildHelpMenu()
+{
+    QMenu* help = menuBar()->addMenu(QStringLiteral("Pagalba"));
+    QAction* diagnostics = help->addAction(QStringLiteral("Diagnostika"));
+    diagnostics->setShortcut(QKeySequence(QStringLiteral("Ctrl+Shift+D")));
+    connect(diagnostics, &QAction::triggered, this, &SignAppWindow::openDiagnostics);
+}
+
 void SignAppWindow::watchLocalRoot()
 {
     if (!m_state->ensureLocalRoot())
@@ -174,19 +181,42 @@ void SignAppWindow::openActivationScreen()
     showNotice(kActivationNotice);
 }
 
+DiagnosticsView* SignAppWindow::diagnosticsView() const
+{
+    return m_diagnostics;
+}
+
+// One diagnostics window at a time; asking again brings it forward.
 void SignAppWindow::openDiagnostics()
 {
-    showNotice(kDiagnosticsNotice);
+    if (!m_diagnostics) {
+        DiagnosticsSources sources;
+        sources.runtime = m_runtime;
+        sources.helperStatus = [this] {
+            return m_bridge->helperRuntime();
+        };
+        sources.logPath = instanceLogPath();
+        sources.openUrl = [this](const QUrl& url) {
+            return m_shell->openUrl(url);
+        };
+        m_diagnostics = new DiagnosticsView(std::move(sources), this);
+        m_diagnostics->setAttribute(Qt::WA_DeleteOnClose);
+    }
+    m_diagnostics->show();
+    m_diagnostics->raise();
+    m_diagnostics->activateWindow();
 }
 
 void SignAppWindow::removeSavedPins()
 {
-    showNotice(kRemovePinsNotice);
+    m_runtime->clearStoredPins();
+    showNotice(m_runtime->lastMessage());
 }
 
 void SignAppWindow::openPinFolder()
 {
-    showNotice(kPinFolderNotice);
+    if (!m_runtime->openStoredPinFolder())
+        showNotice(kPinFolderFailed);
 }
 
 void SignAppWindow::reloadWebApp()

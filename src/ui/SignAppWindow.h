@@ -20,6 +20,7 @@ class DesktopBridge;
 class DesktopShell;
 class SystemDesktopShell;
 class WebHost;
+class DiagnosticsView;
 class LocalRootWatch;
 class MirrorRetry;
 struct DropImportOutcome;
@@ -40,6 +41,8 @@ public:
     WebHost* webHost() const { return m_web; }
     LocalRootWatch* localRootWatch() const { return m_rootWatch; }
     MirrorRetry* mirrorRetry() const { return m_mirrorRetry; }
+    RuntimeBridge* runtimeBridge() const { return m_runtime; }
+    DiagnosticsView* diagnosticsView() const;
 
     // Dialogs and opening addresses go through `shell`; null restores the system desktop.
     void setDesktopShell(DesktopShell* shell);
@@ -64,6 +67,7 @@ Q_SIGNALS:
 
 private:
     void buildWebHost();
+    void buildHelpMenu();
     void watchLocalRoot();
     void retryMirrorQueue();
     // Switches to the web application; an activated device first tells the service it is here.
@@ -89,6 +93,7 @@ private:
     std::unique_ptr<SystemDesktopShell> m_systemShell;
     DesktopShell* m_shell = nullptr;
     QPointer<QMessageBox> m_notice;
+    QPointer<DiagnosticsView> m_diagnostics;
     int m_dropImportsRunning = 0;
 };
 

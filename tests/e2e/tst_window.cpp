@@ -1,12 +1,15 @@
 // The window around the page: what may load inside it, dropped files, the status page when the
-// service is away, and the tray's notices.
+// service is away, and the tray's items.
 #include "e2e/BrowserHarness.h"
 
 #include "app/AppState.h"
 #include "bridge/DesktopBridge.h"
 #include "store/LocalStore.h"
+#include "ui/DiagnosticsView.h"
 #include "ui/StatusPage.h"
+#include "usb/RuntimeBridge.h"
 
+#include <QDir>
 #include <QFile>
 #include <QMessageBox>
 #include <QTemporaryDir>
@@ -179,29 +182,36 @@ private Q_SLOTS:
         QCOMPARE(page().eval("typeof window.vantroSign").toString(), "object");
     }
 
-    // Each tray action shows a notice about itself; only activation brings the window back.
-    void trayNotices()
+    // The tray's items: activation is still a notice that brings the window back; the PIN
+    // items act on the saved-PIN folder; diagnostics opens one view and raises it again.
+    void trayItems()
     {
-        const std::tuple<const char*, const char*, bool> actions[] = {
-            {"openActivationScreen", "aktyvavimas", true},
-            {"openDiagnostics", "Diagnostika", false},
-            {"removeSavedPins", "PIN šalinimas", false},
-            {"openPinFolder", "PIN aplankas", false}};
-        for (const auto& [slot, word, shows] : actions) {
-            window()->hide();
-            QSignalSpy notices(window(), &SignAppWindow::noticeShown);
-            QVERIFY(QMetaObject::invokeMethod(window(), slot));
-            QCOMPARE(window()->isVisible(), shows);
-            QCOMPARE(notices.count(), 1);
-            const QString text = notices.first().first().toString();
-            QVERIFY2(text.contains(QString::fromUtf8(word)), qPrintable(text));
-            const auto boxes = window()->findChildren<QMessageBox*>();
-            QVERIFY(std::any_of(boxes.begin(), boxes.end(), [&](QMessageBox* box) {
-                return box->isVisible() && box->text() == text;
-            }));
-            for (QMessageBox* box : boxes)
-                box->close();
-        }
+        window()->hide();
+        QSignalSpy notices(window(), &SignAppWindow::noticeShown);
+        QVERIFY(QMetaObject::invokeMethod(window(), "openActivationScreen"));
+        QVERIFY(window()->isVisible());
+        QVERIFY(notices.constLast().first().toString().contains("aktyvavimas"));
+
+        const QString pins = window()->runtimeBridge()->storedPinDirectory();
+        QVERIFY(QDir().mkpath(pins));
+        QVERIFY(QFile(pins + "/card.dpapi").open(QIODevice::WriteOnly));
+        QVERIFY(QMetaObject::invokeMethod(window(), "removeSavedPins"));
+        QCOMPARE(notices.constLast().first().toString(), "Išsaugoti PIN pašalinti: 1.");
+        QVERIFY(!QFile::exists(pins + "/card.dpapi"));
+        QVERIFY(QMetaObject::invokeMethod(window(), "openPinFolder"));
+        QCOMPARE(m_app.shell.openedUrls, QList<QUrl>{QUrl::fromLocalFile(pins)});
+
+        QVERIFY(QMetaObject::invokeMethod(window(), "openDiagnostics"));
+        QPointer<DiagnosticsView> view = window()->diagnosticsView();
+        QVERIFY(view && view->isVisible());
+        QVERIFY(view->reportText().contains("Kiekis: 0\n"));
+        QVERIFY(QMetaObject::invokeMethod(window(), "openDiagnostics"));
+        QCOMPARE(window()->diagnosticsView(), view.data());
+        QCOMPARE(window()->findChildren<DiagnosticsView*>().size(), 1);
+        view->close();
+        QTRY_VERIFY(!view);
+        for (QMessageBox* box : window()->findChildren<QMessageBox*>())
+            box->close();
     }
 };
 

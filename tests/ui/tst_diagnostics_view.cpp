@@ -1,0 +1,173 @@
+// The diagnostics view, offscreen: the card host rows, the saved-PIN buttons, the report copy,
+// and the readers as a real pcscd reports them while the view stays open.
+#include "usb/PcscDaemon.h"
+
+#include "ui/DiagnosticsView.h"
+#include "usb/RuntimeBridge.h"
+
+#include <QApplication>
+#include <QClipboard>
+#include <QDeadlineTimer>
+#include <QPushButton>
+#include <QTest>
+
+#include <memory>
+
+using namespace vantro;
+using namespace vantro::test;
+
+namespace {
+
+const QString kLithuanianEid = QStringLiteral("3b9d188131fc358031c0694d54434f5373020505d3");
+
+OrderedObject helperStatus(bool found)
+{
+    return OrderedObject{{"helperAvailable", found},
+                         {"helperRuntimePath", found ? "/opt/vantro/mw" : ""},
+                         {"pendingMirrorCount", 2},
+                         {"failedMirrorCount", 1}};
+}
+
+} // namespace
+
+class TestDiagnosticsView : public QObject
+{
+    Q_OBJECT
+
+    PcscDaemon m_daemon;
+    QTemporaryDir m_home;
+    std::unique_ptr<RuntimeBridge> m_runtime;
+    QList<QUrl> m_opened;
+    bool m_helperFound = true;
+
+    std::unique_ptr<DiagnosticsView> openView()
+    {
+        DiagnosticsSources sources;
+        sources.runtime = m_runtime.get();
+        sources.helperStatus = [this] {
+            return helperStatus(m_helperFound);
+        };
+        sources.logPath = m_home.filePath("logs/single-instance.log");
+        sources.openUrl = [this](const QUrl& url) {
+            m_opened << url;
+            return true;
+        };
+        auto view = std::make_unique<DiagnosticsView>(std::move(sources));
+        view->show();
+        return view;
+    }
+
+    // Waits until the report holds `text` (the reader monitor reports on its own thread).
+    static bool waitForReport(DiagnosticsView& view, const QString& text)
+    {
+        const QDeadlineTimer deadline(15000);
+        while (!view.reportText().contains(text) && !deadline.hasExpired())
+            QTest::qWait(50);
+        return view.reportText().contains(text);
+    }
+
+    static void click(DiagnosticsView& view, const char* button)
+    {
+        auto* target = view.findChild<QPushButton*>(button);
+        QVERIFY2(target, button);
+        target->click();
+    }
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        const QString missing = PcscDaemon::missingParts();
+        if (!missing.isEmpty())
+            QFAIL(qPrintable(missing));
+        qputenv("PCSCLITE_CSOCK_NAME", QFile::encodeName(m_daemon.socketPath()));
+    }
+    void init()
+    {
+        m_runtime = std::make_unique<RuntimeBridge>(m_home.filePath("HighRisk"), nullptr);
+        m_runtime->setUrlOpener([this](const QUrl& url) {
+            m_opened << url;
+            return true;
+        });
+        m_opened.clear();
+    }
+
+    void helperRows_data()
+    {
+        QTest::addColumn<bool>("found");
+        QTest::addColumn<QString>("state");
+        QTest::addColumn<QString>("place");
+        QTest::newRow("helper present") << true << "Būsena: rasta"
+                                        << "Vieta: /opt/vantro/mw";
+        QTest::newRow("helper absent") << false << "Būsena: nerasta"
+                                       << "Vieta: —";
+    }
+    void helperRows()
+    {
+        QFETCH(bool, found);
+        QFETCH(QString, state);
+        QFETCH(QString, place);
+        m_helperFound = found;
+        const auto view = openView();
+        const QString report = view->reportText();
+        const QString helper =
+            "Pasirašymo programa (USB raktai ir eID kortelės)\n  " + state + "\n  " + place + "\n";
+        QVERIFY2(report.contains(helper), qPrintable(report));
+        QVERIFY(report.contains("Laukia: 2\n  Nepavyko: 1\n"));
+        QVERIFY(report.contains("Qt versija: " + QString(qVersion())));
+    }
+
+    void pinButtonsAndReportCopy()
+    {
+        const QString pins = m_runtime->storedPinDirectory();
+        QVERIFY(QDir().mkpath(pins));
+        for (const char* name : {"a.dpapi", "b.dpapi", "install-nonce.dpapi"})
+            QVERIFY(QFile(pins + '/' + name).open(QIODevice::WriteOnly));
+        m_runtime->refresh();
+        const auto view = openView();
+        QVERIFY(view->reportText().contains("Kiekis: 2\n"));
+        click(*view, "clearPins");
+        QVERIFY2(
+            view->reportText().contains("Kiekis: 0\n  Aplankas: " + pins +
+                                        "\n  Paskutinis veiksmas: Išsaugoti PIN pašalinti: 2.\n"),
+            qPrintable(view->reportText()));
+        QCOMPARE(QDir(pins).entryList(QDir::Files), QStringList{"install-nonce.dpapi"});
+
+        click(*view, "openPinFolder");
+        click(*view, "openLog");
+        QCOMPARE(m_opened,
+                 (QList<QUrl>{QUrl::fromLocalFile(pins),
+                              QUrl::fromLocalFile(m_home.filePath("logs/single-instance.log"))}));
+        click(*view, "copyReport");
+        QCOMPARE(QApplication::clipboard()->text(), view->reportText());
+        QVERIFY(view->reportText().startsWith("Vantro Sign diagnostika\n"));
+    }
+
+    // A card put in and taken out, the service stopped and started, all while the view is open.
+    void readersFollowThePcscService()
+    {
+        QVERIFY(m_daemon.start(true));
+        const auto view = openView();
+        const QString empty = m_daemon.readerName() + ": kortelės nėra";
+        QVERIFY2(waitForReport(*view, empty), qPrintable(view->reportText()));
+        QVERIFY(m_daemon.insertCard(kLithuanianEid));
+        const QString card = m_daemon.readerName() + ": ATR " + kLithuanianEid +
+                             " — Lithuanian eID (MTCOS Pro 2.6 / MaskTech)";
+        QVERIFY2(waitForReport(*view, card), qPrintable(view->reportText()));
+        m_daemon.stop();
+        QVERIFY2(waitForReport(*view, "kortelių tarnyba (PC/SC) nepasiekiama"),
+                 qPrintable(view->reportText()));
+        QVERIFY(!view->reportText().contains(card));
+        // The card went with the old daemon's reader.
+        QVERIFY(m_daemon.start(true));
+        QVERIFY2(waitForReport(*view, empty), qPrintable(view->reportText()));
+        QVERIFY(m_daemon.insertCard(kLithuanianEid));
+        QVERIFY2(waitForReport(*view, card), qPrintable(view->reportText()));
+        m_daemon.removeCard();
+        QVERIFY2(waitForReport(*view, empty), qPrintable(view->reportText()));
+    }
+
+    void cleanupTestCase() { m_daemon.stop(); }
+};
+
+QTEST_MAIN(TestDiagnosticsView)
+#include "tst_diagnostics_view.moc"
