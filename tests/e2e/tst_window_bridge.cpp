@@ -3,12 +3,26 @@
 #include "e2e/BrowserHarness.h"
 
 #include "bridge/DesktopBridge.h"
+#include "usb/FakeHost.h"
+#include "usb/HelperRegistry.h"
+#include "vantro_config.h"
+
+#include <QCoreApplication>
 
 #include <QJsonDocument>
 #include <QtTest>
 
 using namespace vantro;
 using namespace vantro::testing;
+
+namespace {
+
+QByteArray scriptOf(const QJsonObject& steps)
+{
+    return QJsonDocument(steps).toJson(QJsonDocument::Compact);
+}
+
+} // namespace
 
 class WindowBridgeTest : public QObject
 {
@@ -127,6 +141,50 @@ private Q_SLOTS:
         QCOMPARE(during.value("value").toArray(), (QJsonArray{busy, QJsonObject{{"ok", true}}}));
         QCOMPARE(page().await("vantroSign.pickFiles()").value("code").toString(), nothingPicked);
         QCOMPARE(m_app.shell.pickFilesCalls, 2);
+    }
+
+    // Every function of the page's USB object reaches a host process over real pipes, on a worker;
+    // what the host answers, or its own error, is what the page gets.
+    void usbFunctionsReachTheHost()
+    {
+        vantro::test::FakeHostDir dir;
+        dir.install(nativeHostFileName());
+        dir.install(middlewareCliFileName(), scriptOf({{"diagnose", "{\"middleware\": \"ok\"}"}}));
+        DesktopBridge* bridge = m_app.window()->desktopBridge();
+        bridge->useHelperRegistry(std::make_shared<HelperRegistry>(dir.path()));
+        const auto restore = qScopeGuard([bridge] {
+            bridge->useHelperRegistry(
+                std::make_shared<HelperRegistry>(QCoreApplication::applicationDirPath()));
+        });
+        const QJsonObject available = page().await("vantroUsbBridge.isAvailable()");
+        QVERIFY2(available.value("value") == true, QJsonDocument(available).toJson().constData());
+
+        const QString portal = QString::fromLatin1(config::kPortalOrigin);
+        const QList<std::tuple<QString, QString, QJsonObject>> calls{
+            {"getSigningCertificate({ignored: 1})", "get-signing-certificate", {}},
+            {"sign({hash: 'aa', origin: 'https://evil.example'})", "sign", {{"hash", "aa"}}},
+            {"signBatch({hashes: ['a', 'b']})", "sign-batch", {{"hashes", QJsonArray{"a", "b"}}}},
+            {"authenticate({challenge: 'c'})", "authenticate", {{"challenge", "c"}}}};
+        for (auto [call, command, arguments] : calls) {
+            const QJsonObject outcome = page().await("vantroUsbBridge." + call);
+            arguments.insert("origin", portal);
+            const QJsonObject sent{{"command", command}, {"arguments", arguments}};
+            QCOMPARE(outcome.value("value").toObject(), QJsonObject({{"echo", sent}}));
+            QVERIFY(dir.processGone(nativeHostFileName()));
+        }
+
+        const QJsonObject diagnosis =
+            page().await("vantroUsbBridge.diagnose()").value("value").toObject();
+        QCOMPARE(diagnosis.value("middleware"), "ok");
+        QCOMPARE(diagnosis.value("vantroRuntime").toObject().value("helperAvailable"), true);
+
+        const QJsonObject blocked{
+            {"error", QJsonObject{{"code", "PIN_BLOCKED"}, {"message", "PIN užblokuotas"}}}};
+        dir.install(nativeHostFileName(),
+                    scriptOf({{"answer", QString(QJsonDocument(blocked).toJson())}}));
+        const QJsonObject refused = page().await("vantroUsbBridge.sign({})");
+        QCOMPARE(refused.value("code"), "PIN_BLOCKED");
+        QCOMPARE(refused.value("message"), "PIN užblokuotas");
     }
 };
 
