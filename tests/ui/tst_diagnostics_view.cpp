@@ -76,10 +76,8 @@ class TestDiagnosticsView : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        const QString missing = PcscDaemon::missingParts();
-        if (!missing.isEmpty())
-            QFAIL(qPrintable(missing));
-        qputenv("PCSCLITE_CSOCK_NAME", QFile::encodeName(m_daemon.socketPath()));
+        const QString missing = m_daemon.serveThisProcess();
+        QVERIFY2(missing.isEmpty(), qPrintable(missing));
     }
     void init()
     {

@@ -34,8 +34,17 @@ public:
         return {};
     }
 
-    // The socket clients use; export it as PCSCLITE_CSOCK_NAME before the first PC/SC call.
+    // The socket clients use.
     QString socketPath() const { return m_dir.filePath(QStringLiteral("pcscd.comm")); }
+
+    // Points this process's PC/SC client at the private socket; the client library reads the
+    // variable once, at its first call, so this comes first. Empty when ready, else what is
+    // missing.
+    QString serveThisProcess() const
+    {
+        qputenv("PCSCLITE_CSOCK_NAME", QFile::encodeName(socketPath()));
+        return missingParts();
+    }
     QString readerName() const { return QStringLiteral("Virtual PCD 00 00"); }
 
     // Starts pcscd with the virtual reader, or with no reader at all.

@@ -81,11 +81,8 @@ class TestPcsc : public QObject
 private Q_SLOTS:
     void initTestCase()
     {
-        const QString missing = PcscDaemon::missingParts();
-        if (!missing.isEmpty())
-            QFAIL(qPrintable(missing));
-        // The client library reads this once, at the first PC/SC call.
-        qputenv("PCSCLITE_CSOCK_NAME", QFile::encodeName(m_daemon.socketPath()));
+        const QString missing = m_daemon.serveThisProcess();
+        QVERIFY2(missing.isEmpty(), qPrintable(missing));
     }
 
     void profileTable_data()
