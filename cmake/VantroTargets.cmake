@@ -43,7 +43,8 @@ endfunction()
 
 # vantro_add_test(<name> SOURCES ... LABELS ... [LIBS ...] [ENV ...] [TIMEOUT s])
 # Every test gets its own HOME and XDG directories under the build tree so nothing leaks
-# into the developer's real profile.
+# into the developer's real profile, and an update feed on a closed loopback port so an
+# automatic update check never leaves the machine.
 function(vantro_add_test name)
     cmake_parse_arguments(ARG "" "TIMEOUT" "SOURCES;LABELS;LIBS;ENV" ${ARGN})
     add_executable(${name} ${ARG_SOURCES})
@@ -58,6 +59,6 @@ function(vantro_add_test name)
     set_tests_properties(${name} PROPERTIES
         LABELS "${ARG_LABELS}"
         TIMEOUT ${ARG_TIMEOUT}
-        ENVIRONMENT "HOME=${home};XDG_DATA_HOME=${home}/.local/share;XDG_CONFIG_HOME=${home}/.config;XDG_CACHE_HOME=${home}/.cache;XDG_RUNTIME_DIR=${home}/run;QT_QPA_PLATFORM=offscreen;QTWEBENGINE_DISABLE_SANDBOX=1;LOCALAPPDATA=;no_proxy=127.0.0.1,localhost;NO_PROXY=127.0.0.1,localhost;${ARG_ENV}")
+        ENVIRONMENT "HOME=${home};XDG_DATA_HOME=${home}/.local/share;XDG_CONFIG_HOME=${home}/.config;XDG_CACHE_HOME=${home}/.cache;XDG_RUNTIME_DIR=${home}/run;QT_QPA_PLATFORM=offscreen;VANTRO_SIGN_ALLOW_LOCAL_UPDATE_FEED=1;VANTRO_SIGN_UPDATE_FEED_URL=http://127.0.0.1:9/latest.json;QTWEBENGINE_DISABLE_SANDBOX=1;LOCALAPPDATA=;no_proxy=127.0.0.1,localhost;NO_PROXY=127.0.0.1,localhost;${ARG_ENV}")
     file(MAKE_DIRECTORY ${home}/run)
 endfunction()

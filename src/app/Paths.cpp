@@ -25,4 +25,9 @@ QString instanceLockPath()
     return appDataDir() + QStringLiteral("/vantro-sign-app.lock");
 }
 
+QString updatesDir()
+{
+    return appDataDir() + QStringLiteral("/updates");
+}
+
 } // namespace vantro

@@ -12,6 +12,9 @@ QString appDataDir();
 // appDataDir() + "/commands", created with its parents first.
 QString commandsDir();
 
+// appDataDir() + "/updates": downloaded installers and "ready.json"; not created here.
+QString updatesDir();
+
 // appDataDir() + "/vantro-sign-app.lock".
 QString instanceLockPath();
 

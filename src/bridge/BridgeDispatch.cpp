@@ -22,6 +22,9 @@ OrderedObject missingRequirement(const DesktopBridge& bridge, unsigned needs)
         return DesktopBridge::error(
             QStringLiteral("VANTRO_SIGN_DESKTOP_SHELL_UNAVAILABLE"),
             QStringLiteral("Dialogs and folder opening are only available on the main thread."));
+    if ((needs & NeedsUpdates) && !bridge.updateManager())
+        return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_UPDATE_MANAGER_UNAVAILABLE"),
+                                    QStringLiteral("Update manager is unavailable."));
     return {};
 }
 

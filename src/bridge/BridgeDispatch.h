@@ -18,6 +18,7 @@ enum BridgeNeeds : unsigned {
     NeedsNothing = 0,
     NeedsState = 1u << 0,
     NeedsShell = 1u << 1,
+    NeedsUpdates = 1u << 2,
 };
 
 // One row of a method table. A row whose component is not part of this build has no handler

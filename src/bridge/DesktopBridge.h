@@ -17,6 +17,7 @@ class DesktopShell;
 class LocalStore;
 class RuntimeBridge;
 class HelperRegistry;
+class UpdateManager;
 
 // Routes page calls ("sign:" and "usb:" methods) to the components that do the work and wraps
 // their outcome as result objects: {ok: true, value} or {ok: false, error: {code, message}}.
@@ -64,6 +65,10 @@ public:
     std::shared_ptr<HelperRegistry> helperRegistry() const { return m_helpers; }
     void useHelperRegistry(std::shared_ptr<HelperRegistry> registry);
 
+    // Handed over by the window after construction; absent in worker bridges.
+    void setUpdateManager(UpdateManager* updates) { m_updates = updates; }
+    UpdateManager* updateManager() const { return m_updates; }
+
     AppState* state() const { return m_state; }
     RuntimeBridge* runtime() const { return m_runtime; }
     SignApiClient* api() const { return m_api; }
@@ -76,6 +81,7 @@ private:
     AppState* m_state = nullptr;
     RuntimeBridge* m_runtime = nullptr;
     SignApiClient* m_api = nullptr;
+    UpdateManager* m_updates = nullptr;
     DesktopShell* m_shell = nullptr;
     LocalStore* m_store = nullptr;
     std::shared_ptr<HelperRegistry> m_helpers;

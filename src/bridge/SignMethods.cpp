@@ -12,6 +12,7 @@
 #include "bridge/LocalFileMethods.h"
 #include "bridge/LocalRootMethods.h"
 #include "bridge/MirrorMethods.h"
+#include "bridge/UpdateMethods.h"
 #include "bridge/UploadMethods.h"
 #include "store/LocalStore.h"
 #include "store/RootRules.h"
@@ -51,12 +52,6 @@ QString pickFilesFilter()
 OrderedObject getStatus(DesktopBridge& bridge, const QVariantList&)
 {
     return DesktopBridge::ok(bridge.state()->status(bridge.helperRuntime()).toVariant());
-}
-
-OrderedObject updateManagerUnavailable(DesktopBridge&, const QVariantList&)
-{
-    return DesktopBridge::error(QStringLiteral("VANTRO_SIGN_UPDATE_MANAGER_UNAVAILABLE"),
-                                QStringLiteral("Update manager is unavailable."));
 }
 
 OrderedObject getTheme(DesktopBridge& bridge, const QVariantList&)
@@ -144,11 +139,11 @@ const DispatchTable& signMethodTable()
         "VANTRO_SIGN_COMPONENT_UNAVAILABLE",
         {
             methodRow("sign:getStatus", getStatus),
-            methodRow("sign:getUpdateStatus", updateManagerUnavailable, NeedsNothing),
-            methodRow("sign:checkForUpdates", updateManagerUnavailable, NeedsNothing),
-            methodRow("sign:startUpdate", updateManagerUnavailable, NeedsNothing),
-            methodRow("sign:cancelUpdate", updateManagerUnavailable, NeedsNothing),
-            methodRow("sign:applyUpdate", updateManagerUnavailable, NeedsNothing),
+            methodRow("sign:getUpdateStatus", updatemethods::getUpdateStatus, NeedsUpdates),
+            methodRow("sign:checkForUpdates", updatemethods::checkForUpdates, NeedsUpdates),
+            methodRow("sign:startUpdate", updatemethods::startUpdate, NeedsUpdates),
+            methodRow("sign:cancelUpdate", updatemethods::cancelUpdate, NeedsUpdates),
+            methodRow("sign:applyUpdate", updatemethods::applyUpdate, NeedsUpdates),
             methodRow("sign:getTheme", getTheme),
             methodRow("sign:setTheme", setTheme),
             methodRow("sign:getLocalDeleteSettings", getLocalDeleteSettings),

@@ -6,6 +6,7 @@
 #include "app/AppState.h"
 #include "app/InstanceLog.h"
 #include "app/OrderedJson.h"
+#include "app/Paths.h"
 #include "bridge/DesktopBridge.h"
 #include "store/LocalStore.h"
 #include "ui/DiagnosticsView.h"
@@ -19,7 +20,9 @@
 #include "usb/RuntimeBridge.h"
 
 #include <QFutureWatcher>
+#include <QCoreApplication>
 #include <QMenuBar>
+#include <QTimer>
 #include <QMessageBox>
 #include <QtConcurrent/QtConcurrentRun>
 
@@ -35,6 +38,10 @@ const QString kDropStateEvent = QStringLiteral("vantro-sign-drop-state");
 const QString kFilesDroppedEvent = QStringLiteral("vantro-sign-files-dropped");
 const QString kDropErrorEvent = QStringLiteral("vantro-sign-drop-error");
 const QString kOpenUpdateStatusEvent = QStringLiteral("vantro-sign-open-update-status");
+const QString kUpdateStatusEvent = QStringLiteral("vantro-sign-update-status");
+// The first automatic update check waits for the start-up work to settle; then once a day.
+constexpr int kFirstUpdateCheckMs = 2 * 60 * 1000;
+constexpr int kUpdateCheckIntervalMs = 24 * 60 * 60 * 1000;
 
 // Features whose components are not part of this build yet: the user gets told, not ignored.
 const QString kActivationNotice =
@@ -63,6 +70,7 @@ SignAppWindow::SignAppWindow(QWidget* parent)
     m_bridge->setDesktopShell(m_shell);
     m_channel = new BridgeChannel(m_bridge, m_api, defaultWorkerFactory(m_state->filePath()), this);
     m_channel->setCompletionHooks(this);
+    buildUpdateManager();
 
     buildWebHost();
     buildHelpMenu();
@@ -230,6 +238,41 @@ void SignAppWindow::checkForProgramUpdates()
     raise();
     activateWindow();
     m_channel->emitDesktopEvent(kOpenUpdateStatusEvent, QVariantMap());
+    m_updates->checkForUpdates(true);
+}
+
+// Built after the bridge and handed to it; its status reaches the page as an event. A kept,
+// verified installer is restored first; automatic checks never ask to install by themselves.
+void SignAppWindow::buildUpdateManager()
+{
+    m_updates = new UpdateManager(updatesDir(), this);
+    m_updates->setShell(this);
+    m_bridge->setUpdateManager(m_updates);
+    connect(m_updates, &UpdateManager::statusChanged, this, [this](const OrderedObject& status) {
+        m_channel->emitDesktopEvent(kUpdateStatusEvent,
+                                    OrderedObject{{QStringLiteral("status"), status.toVariant()}}
+                                        .toVariant());
+    });
+    m_updates->restoreReady();
+    m_updateChecks = new QTimer(this);
+    m_updateChecks->setSingleShot(false);
+    connect(m_updateChecks, &QTimer::timeout, this, [this] {
+        m_updateChecks->setInterval(kUpdateCheckIntervalMs);
+        m_updates->checkForUpdates(false);
+    });
+    m_updateChecks->start(kFirstUpdateCheckMs);
+}
+
+bool SignAppWindow::confirmInstall(const QString& title, const QString& text)
+{
+    showAndRaise();
+    return QMessageBox::question(this, title, text, QMessageBox::Yes | QMessageBox::No,
+                                 QMessageBox::Yes) == QMessageBox::Yes;
+}
+
+void SignAppWindow::quitApplication()
+{
+    QCoreApplication::quit();
 }
 
 // One notice box at a time, non-modal: the tray and the page stay usable behind it.

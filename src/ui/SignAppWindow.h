@@ -1,6 +1,7 @@
 #pragma once
 
 #include "bridge/BridgeChannel.h"
+#include "update/UpdateManager.h"
 
 #include <QMainWindow>
 #include <QPointer>
@@ -10,6 +11,7 @@
 #include <memory>
 
 class QMessageBox;
+class QTimer;
 
 namespace vantro {
 
@@ -20,6 +22,7 @@ class DesktopBridge;
 class DesktopShell;
 class SystemDesktopShell;
 class WebHost;
+class UpdateManager;
 class DiagnosticsView;
 class LocalRootWatch;
 class MirrorRetry;
@@ -27,7 +30,7 @@ struct DropImportOutcome;
 
 // The main window: builds the components in their fixed order and hosts the web application.
 // The tray menu and the handoff receiver drive it through the public slots below.
-class SignAppWindow : public QMainWindow, private CompletionHooks
+class SignAppWindow : public QMainWindow, private CompletionHooks, private UpdateShell
 {
     Q_OBJECT
 public:
@@ -42,6 +45,7 @@ public:
     LocalRootWatch* localRootWatch() const { return m_rootWatch; }
     MirrorRetry* mirrorRetry() const { return m_mirrorRetry; }
     RuntimeBridge* runtimeBridge() const { return m_runtime; }
+    UpdateManager* updateManager() const { return m_updates; }
     DiagnosticsView* diagnosticsView() const;
 
     // Dialogs and opening addresses go through `shell`; null restores the system desktop.
@@ -68,6 +72,7 @@ Q_SIGNALS:
 private:
     void buildWebHost();
     void buildHelpMenu();
+    void buildUpdateManager();
     void watchLocalRoot();
     void retryMirrorQueue();
     // Switches to the web application; an activated device first tells the service it is here.
@@ -82,10 +87,16 @@ private:
     void openPreparedDefault(const QVariant& prepared) override;
     void completeArtifactReveal(const QVariant& value) override;
 
+    // UpdateShell
+    bool confirmInstall(const QString& title, const QString& text) override;
+    void quitApplication() override;
+
     AppState* m_state = nullptr;
     RuntimeBridge* m_runtime = nullptr;
     SignApiClient* m_api = nullptr;
     DesktopBridge* m_bridge = nullptr;
+    UpdateManager* m_updates = nullptr;
+    QTimer* m_updateChecks = nullptr;
     BridgeChannel* m_channel = nullptr;
     WebHost* m_web = nullptr;
     LocalRootWatch* m_rootWatch = nullptr;

@@ -61,6 +61,14 @@ class TestUpdateManifest : public QObject
     Q_OBJECT
 
 private Q_SLOTS:
+    // The test environment points automatic checks at a closed loopback port; the rules here
+    // are about the built-in feed.
+    void init()
+    {
+        qunsetenv("VANTRO_SIGN_UPDATE_FEED_URL");
+        qunsetenv("VANTRO_SIGN_ALLOW_LOCAL_UPDATE_FEED");
+    }
+
     void rules_data()
     {
         QTest::addColumn<QByteArray>("body");
