@@ -15,7 +15,9 @@ namespace vantro::test {
 class SignedInstallers
 {
 public:
-    enum Kind { Valid, WrongSigner, Untimestamped, Tampered, Unsigned };
+    // ForeignTimestamp: timestamped by an authority outside the trusted root; osslsigncode
+    // still exits 0 for it.
+    enum Kind { Valid, WrongSigner, Untimestamped, ForeignTimestamp, Tampered, Unsigned };
 
     // Empty when everything was generated; otherwise what failed.
     QString generate()
@@ -56,8 +58,9 @@ public:
         const QString pe = QStringLiteral(VANTRO_TEST_INSTALLER);
         QStringList sign{"sign", "-certs", file(kind == WrongSigner ? "other.pem" : "code.pem"),
                          "-key", file(kind == WrongSigner ? "other.key" : "code.key")};
+        const QString tsa = kind == ForeignTimestamp ? "foreign-tsa" : "tsa";
         if (kind != Untimestamped)
-            sign << "-TSA-certs" << file("tsa-chain.pem") << "-TSA-key" << file("tsa.key");
+            sign << "-TSA-certs" << file(tsa + "-chain.pem") << "-TSA-key" << file(tsa + ".key");
         sign << "-in" << pe << "-out" << out;
         if (kind == Unsigned)
             return read(pe);

@@ -183,6 +183,9 @@ private Q_SLOTS:
                                       << "verify_failed" << kUntrusted;
         QTest::newRow("not timestamped") << int(SignedInstallers::Untimestamped) << 0 << ""
                                          << "verify_failed" << kUntrusted;
+        QTest::newRow("timestamp from an untrusted authority")
+            << int(SignedInstallers::ForeignTimestamp) << 0 << ""
+            << "verify_failed" << kUntrusted;
         QTest::newRow("tampered after signing") << int(SignedInstallers::Tampered) << 0 << ""
                                                 << "verify_failed" << kUntrusted;
         QTest::newRow("unsigned") << int(SignedInstallers::Unsigned) << 0 << ""
