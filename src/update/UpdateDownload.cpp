@@ -32,12 +32,6 @@ QByteArray digestOrEmpty(const QString& path)
     }
 }
 
-bool isLocalHost(const QUrl& url)
-{
-    const QString host = url.host().toLower();
-    return host == QLatin1String("localhost") || host == QLatin1String("127.0.0.1");
-}
-
 } // namespace
 
 void UpdateManager::startUpdate()

@@ -85,12 +85,6 @@ UpdateManifest rejected(const char* message)
     return manifest;
 }
 
-bool isLocalHost(const QUrl& url)
-{
-    const QString host = url.host().toLower();
-    return host == QLatin1String("localhost") || host == QLatin1String("127.0.0.1");
-}
-
 // Rule 12: the name is the versioned one, is a bare file name, and ends the URL's path.
 bool installerNameMatches(const UpdateManifest& m)
 {
@@ -198,6 +192,12 @@ QString urlOrigin(const QUrl& url)
     if (port != -1 && !defaultPort)
         origin += QLatin1Char(':') + QString::number(port);
     return origin;
+}
+
+bool isLocalHost(const QUrl& url)
+{
+    const QString host = url.host().toLower();
+    return host == QLatin1String("localhost") || host == QLatin1String("127.0.0.1");
 }
 
 QUrl updateFeedUrl()

@@ -28,6 +28,9 @@ bool environmentFlagOn(const char* name);
 // scheme://host[:port] in lower case, the default port left out; empty for an unusable URL.
 QString urlOrigin(const QUrl& url);
 
+// "localhost" or "127.0.0.1": the hosts a local feed may use.
+bool isLocalHost(const QUrl& url);
+
 // VANTRO_SIGN_UPDATE_FEED_URL when VANTRO_SIGN_ALLOW_LOCAL_UPDATE_FEED is on and it is a valid
 // URL; otherwise the built-in feed on the update download origin.
 QUrl updateFeedUrl();
