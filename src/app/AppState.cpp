@@ -314,19 +314,51 @@ bool AppState::setSignerVisualPosition(const QString& position)
 bool AppState::setDeviceIdentity(const QString& deviceId, const QString& secret,
                                  const QString& workspaceId, const QJsonObject& activation)
 {
+    Activation grant;
+    grant.deviceId = deviceId;
+    grant.secret = secret;
+    grant.workspaceId = workspaceId;
+    grant.appUrl = stringValue(kAppUrl);
+    grant.apiBase = stringValue(kApiBase);
+    grant.license = m_root.value(kLicense).toObject();
+    grant.signerProfile = m_root.value(kSignerProfile).toObject();
+    grant.record = activation.isEmpty() ? m_root.value(kActivation).toObject() : activation;
+    return applyActivation(grant);
+}
+
+bool AppState::applyActivation(const Activation& grant)
+{
+    const QJsonObject before = m_root;
+    const QString cachedProtected = m_cachedProtected;
+    const QString cachedSecret = m_cachedSecret;
     const QString previous = stringValue(kSecret);
-    const QString stored = protectSecret(secret);
-    m_root.insert(kDeviceId, deviceId);
+    const QString stored = protectSecret(grant.secret);
+    const auto setText = [this](const QString& key, const QString& value) {
+        if (value.isEmpty())
+            m_root.remove(key);
+        else
+            m_root.insert(key, value);
+    };
+    m_root.insert(kDeviceId, grant.deviceId);
     m_root.insert(kSecret, stored);
-    m_root.insert(kWorkspaceId, workspaceId);
-    if (stringValue(kApiBase).isEmpty())
-        m_root.insert(kApiBase, QStringLiteral("/sign/api/v1/"));
-    if (!activation.isEmpty())
-        m_root.insert(kActivation, activation);
+    m_root.insert(kWorkspaceId, grant.workspaceId);
+    setText(kAppUrl, grant.appUrl);
+    m_root.insert(kApiBase,
+                  grant.apiBase.isEmpty() ? QStringLiteral("/sign/api/v1/") : grant.apiBase);
+    m_root.insert(kLicense, grant.license);
+    m_root.insert(kSignerProfile, grant.signerProfile);
+    if (!grant.record.isEmpty())
+        m_root.insert(kActivation, grant.record);
     m_cachedProtected = stored;
-    m_cachedSecret = secret;
-    if (!commit())
+    m_cachedSecret = grant.secret;
+    if (!commit()) {
+        m_root = before;
+        m_cachedProtected = cachedProtected;
+        m_cachedSecret = cachedSecret;
+        if (m_secrets && stored != previous)
+            m_secrets->discard(stored);
         return false;
+    }
     // Only once the file no longer points at it may the old keyring entry go.
     if (m_secrets && !previous.isEmpty() && previous != stored)
         m_secrets->discard(previous);

@@ -55,6 +55,22 @@ public:
     bool setTheme(const QString& value);
     bool setLocalDeleteSettings(const QJsonObject& settings);
     bool setSignerVisualPosition(const QString& position);
+    // Everything a device activation grants, written together.
+    struct Activation
+    {
+        QString deviceId;
+        QString secret;
+        QString workspaceId;
+        QString appUrl;
+        QString apiBase;
+        QJsonObject license;
+        QJsonObject signerProfile;
+        QJsonObject record; // the service's answer, secret left out
+    };
+    // Writes the whole grant in one save, the secret protected. When the save fails nothing of
+    // it stays, in memory or on disk, and false is answered.
+    bool applyActivation(const Activation& activation);
+
     // Stores the activation outcome (device identity and the raw record); the secret is protected.
     bool setDeviceIdentity(const QString& deviceId, const QString& secret,
                            const QString& workspaceId, const QJsonObject& activation = {});
