@@ -1,14 +1,17 @@
 #include "ui/SignAppWindow.h"
 
+#include "api/DeviceActivation.h"
 #include "api/Endpoints.h"
 #include "api/SignApiClient.h"
 #include "app/ActivationLink.h"
 #include "app/AppState.h"
+#include "app/Errors.h"
 #include "app/InstanceLog.h"
 #include "app/OrderedJson.h"
 #include "app/Paths.h"
 #include "bridge/DesktopBridge.h"
 #include "store/LocalStore.h"
+#include "ui/ActivationScreen.h"
 #include "ui/DiagnosticsView.h"
 #include "ui/DropImport.h"
 #include "ui/LocalRootWatch.h"
@@ -19,12 +22,14 @@
 #include "ui/WebHost.h"
 #include "usb/RuntimeBridge.h"
 
-#include <QFutureWatcher>
 #include <QCoreApplication>
+#include <QFutureWatcher>
 #include <QMenuBar>
-#include <QTimer>
 #include <QMessageBox>
+#include <QScopeGuard>
+#include <QSysInfo>
 #include <QtConcurrent/QtConcurrentRun>
+#include <QTimer>
 
 namespace vantro {
 
@@ -44,11 +49,9 @@ constexpr int kFirstUpdateCheckMs = 2 * 60 * 1000;
 constexpr int kUpdateCheckIntervalMs = 24 * 60 * 60 * 1000;
 
 // Features whose components are not part of this build yet: the user gets told, not ignored.
-const QString kActivationNotice =
-    QStringLiteral("Šio kompiuterio aktyvavimas šioje Vantro Sign versijoje dar neprieinamas.");
-const QString kActivationLinkNotice =
-    QStringLiteral("Aktyvavimo nuoroda gauta, tačiau kompiuterio aktyvavimas šioje Vantro Sign "
-                   "versijoje dar neprieinamas.");
+const QString kActivationSaveFailed =
+    QStringLiteral("Aktyvavimo duomenų nepavyko išsaugoti šiame kompiuteryje. Kompiuteris "
+                   "neaktyvuotas.");
 const QString kPinFolderFailed = QStringLiteral("PIN aplanko atidaryti nepavyko.");
 
 } // namespace
@@ -79,6 +82,8 @@ SignAppWindow::SignAppWindow(QWidget* parent)
     watchLocalRoot();
     retryMirrorQueue();
     openWebApp();
+    if (!m_state->isActivated())
+        QTimer::singleShot(0, this, &SignAppWindow::openActivationScreen);
 }
 
 // The browser goes first so no page message reaches a component being destroyed; then the
@@ -111,8 +116,6 @@ void SignAppWindow::buildWebHost()
     setCentralWidget(m_web);
 }
 
-// Files the user puts into the root reach the page without a reload; a root chosen later moves
-// the watch with it.
 // The window's own way to the diagnostics, besides the tray.
 void SignAppWindow::buildHelpMenu()
 {
@@ -122,6 +125,8 @@ void SignAppWindow::buildHelpMenu()
     connect(diagnostics, &QAction::triggered, this, &SignAppWindow::openDiagnostics);
 }
 
+// Files the user puts into the root reach the page without a reload; a root chosen later moves
+// the watch with it.
 void SignAppWindow::watchLocalRoot()
 {
     if (!m_state->ensureLocalRoot())
@@ -177,16 +182,63 @@ void SignAppWindow::showAndRaise()
 void SignAppWindow::handleActivationLink(const QString& link)
 {
     const QString redacted = redactActivationLink(link);
-    logLine(QStringLiteral("activation link received, activation not available: %1").arg(redacted));
+    logLine(QStringLiteral("activation link received: %1").arg(redacted));
     qCInfo(lcUi) << "activation link received:" << redacted;
     showAndRaise();
-    showNotice(kActivationLinkNotice);
+    const activation::LinkRequest request = activation::parseActivationLink(link);
+    openActivationScreen();
+    m_activation->setCode(request.code);
+    activateDevice(request.code, request.base);
 }
 
 void SignAppWindow::openActivationScreen()
 {
     showAndRaise();
-    showNotice(kActivationNotice);
+    if (!m_activation) {
+        m_activation = new ActivationScreen(this);
+        m_activation->setAttribute(Qt::WA_DeleteOnClose);
+        connect(m_activation, &ActivationScreen::activationRequested, this,
+                [this](const QString& code) { activateDevice(code, {}); });
+    }
+    m_activation->show();
+    m_activation->raise();
+    m_activation->activateWindow();
+}
+
+// Asks the service for an identity and stores it whole; the screen shows why when it cannot.
+// The call waits in a nested event loop, so a second request meanwhile is turned away.
+void SignAppWindow::activateDevice(const QString& code, const QString& linkBase)
+{
+    if (m_activating || !m_activation)
+        return;
+    m_activating = true;
+    const auto done = qScopeGuard([this] { m_activating = false; });
+    m_activation->showProgress();
+    QString base;
+    try {
+        base = activation::resolveActivationBase(linkBase, m_api->baseUrl());
+        const AppState::Activation grant =
+            activation::request(*m_api, base, code, QSysInfo::machineHostName());
+        if (!m_state->applyActivation(grant))
+            throw CodedError(QStringLiteral("VANTRO_SIGN_ACTIVATION_SAVE_FAILED"),
+                             kActivationSaveFailed);
+    } catch (const CodedError& failure) {
+        logLine(QStringLiteral("activation refused: %1").arg(failure.code()));
+        if (m_activation)
+            m_activation->showError(failure.message());
+        return;
+    }
+    logLine(QStringLiteral("device activated"));
+    if (m_activation)
+        m_activation->accept();
+    m_api->setBaseUrl(endpoints::resolveBaseUrl(base));
+    m_web->installPageScripts(m_api->webAppOrigin());
+    openWebApp();
+}
+
+ActivationScreen* SignAppWindow::activationScreen() const
+{
+    return m_activation;
 }
 
 DiagnosticsView* SignAppWindow::diagnosticsView() const
@@ -249,9 +301,9 @@ void SignAppWindow::buildUpdateManager()
     m_updates->setShell(this);
     m_bridge->setUpdateManager(m_updates);
     connect(m_updates, &UpdateManager::statusChanged, this, [this](const OrderedObject& status) {
-        m_channel->emitDesktopEvent(kUpdateStatusEvent,
-                                    OrderedObject{{QStringLiteral("status"), status.toVariant()}}
-                                        .toVariant());
+        m_channel->emitDesktopEvent(
+            kUpdateStatusEvent,
+            OrderedObject{{QStringLiteral("status"), status.toVariant()}}.toVariant());
     });
     m_updates->restoreReady();
     m_updateChecks = new QTimer(this);

@@ -24,6 +24,7 @@ class SystemDesktopShell;
 class WebHost;
 class UpdateManager;
 class DiagnosticsView;
+class ActivationScreen;
 class LocalRootWatch;
 class MirrorRetry;
 struct DropImportOutcome;
@@ -47,6 +48,7 @@ public:
     RuntimeBridge* runtimeBridge() const { return m_runtime; }
     UpdateManager* updateManager() const { return m_updates; }
     DiagnosticsView* diagnosticsView() const;
+    ActivationScreen* activationScreen() const;
 
     // Dialogs and opening addresses go through `shell`; null restores the system desktop.
     void setDesktopShell(DesktopShell* shell);
@@ -73,6 +75,7 @@ private:
     void buildWebHost();
     void buildHelpMenu();
     void buildUpdateManager();
+    void activateDevice(const QString& code, const QString& linkBase);
     void watchLocalRoot();
     void retryMirrorQueue();
     // Switches to the web application; an activated device first tells the service it is here.
@@ -105,6 +108,8 @@ private:
     DesktopShell* m_shell = nullptr;
     QPointer<QMessageBox> m_notice;
     QPointer<DiagnosticsView> m_diagnostics;
+    QPointer<ActivationScreen> m_activation;
+    bool m_activating = false;
     int m_dropImportsRunning = 0;
 };
 

@@ -3,10 +3,13 @@
 #include "e2e/BrowserHarness.h"
 
 #include "app/AppState.h"
+#include "app/InstanceLog.h"
 #include "bridge/DesktopBridge.h"
 #include "store/LocalStore.h"
+#include "ui/ActivationScreen.h"
 
 #include <QJsonDocument>
+#include <QPushButton>
 #include <QTemporaryDir>
 #include <QtTest>
 #include <QUuid>
@@ -152,6 +155,92 @@ private Q_SLOTS:
         QCOMPARE(formParts(service().requests.first()).first().body, "%PDF-1.7 e2e");
         QCOMPARE(store->getDocument(id)["server_document_id"], "srv-d1");
         file.remove();
+    }
+
+    // The activation screen against the service: every refusal leaves the identity as it was
+    // and says why in Lithuanian; a grant is stored whole and the application reopens on it.
+    void activation_data()
+    {
+        QTest::addColumn<QString>("link"); // empty: the code typed on the screen
+        QTest::addColumn<int>("status");
+        QTest::addColumn<QByteArray>("answer");
+        QTest::addColumn<QString>("message"); // empty: activated
+        const QJsonObject grant{{"device_id", "dev-activated"},
+                                {"device_secret", "fresh-secret"},
+                                {"workspace_id", "ws-2"},
+                                {"license", QJsonObject{{"plan", "demo"}}},
+                                {"signer_profile", QJsonObject{{"name", "Demo"}}},
+                                {"app_url", "/sign/app/documents/"},
+                                {"api_base", "/sign/api/v1/"}};
+        QJsonObject partial = grant;
+        partial.remove("workspace_id");
+        const QString wrong =
+            "Aktyvavimo kodas neteisingas. Patikrinkite jį ir bandykite dar kartą.";
+        QTest::newRow("wrong code")
+            << "" << 404 << QByteArray("{\"error\":{\"code\":\"ACTIVATION_CODE_INVALID\"}}")
+            << wrong;
+        QTest::newRow("expired code")
+            << "" << 410 << QByteArray("{}")
+            << "Šio aktyvavimo kodo galiojimas baigėsi. Paprašykite naujo kodo.";
+        QTest::newRow("answer missing a field")
+            << "" << 200 << QJsonDocument(partial).toJson()
+            << "Vantro Sign paslaugos atsakymas netinkamas, kompiuteris neaktyvuotas. Bandykite "
+               "dar kartą vėliau.";
+        QTest::newRow("link to a base that is not allowed")
+            << "vantrosign://activate?code=AB-12&base=https%3A%2F%2Fevil.example" << 200
+            << QJsonDocument(grant).toJson()
+            << "Aktyvavimo nuorodoje nurodytas Vantro Sign paslaugos adresas neleidžiamas. "
+               "Kompiuteris neaktyvuotas.";
+        QTest::newRow("granted") << "" << 200 << QJsonDocument(grant).toJson() << "";
+    }
+    void activation()
+    {
+        QFETCH(QString, link);
+        QFETCH(int, status);
+        QFETCH(QByteArray, answer);
+        QFETCH(QString, message);
+        const QString code = "ab-12 " + QUuid::createUuid().toString(QUuid::Id128).left(8);
+        service().script("POST", "/sign/api/v1/devices/activate", {status, answer});
+        const qsizetype before = service().requests.size();
+        SignAppWindow* window = m_app.window();
+        if (link.isEmpty()) {
+            window->openActivationScreen();
+            window->activationScreen()->setCode(code);
+            window->activationScreen()->findChild<QPushButton*>("activate")->click();
+        } else {
+            window->handleActivationLink(link);
+        }
+        const QStringList asked = service().paths().mid(before);
+        QCOMPARE(asked.filter("devices/activate").size(), link.isEmpty() ? 1 : 0);
+        AppState* state = window->appState();
+        if (!message.isEmpty()) {
+            QCOMPARE(window->activationScreen()->message(), message);
+            QCOMPARE(state->deviceId(), "dev-e2e");
+            QCOMPARE(AppState().deviceSecret(), "s3cret");
+            return;
+        }
+        const RecordedRequest& request =
+            service().requests.at(before + asked.indexOf("POST /sign/api/v1/devices/activate"));
+        QCOMPARE(request.json()["activation_code"].toString(), code.toUpper().remove(' '));
+        QVERIFY(!request.hasHeader("Authorization"));
+        QVERIFY(!window->activationScreen() || !window->activationScreen()->isVisible());
+        QCOMPARE(state->deviceId(), "dev-activated");
+        QCOMPARE(AppState().deviceSecret(), "fresh-secret");
+        QCOMPARE(AppState().workspaceId(), "ws-2");
+        QCOMPARE(state->license()["plan"].toString(), "demo");
+        // Heartbeat first, with the new credentials, then the application.
+        QVERIFY(page().waitForLoad());
+        QTRY_VERIFY(service().paths().mid(before).contains("POST /sign/api/v1/heartbeat"));
+        const RecordedRequest& beat = service().requests.at(
+            before + service().paths().mid(before).indexOf("POST /sign/api/v1/heartbeat"));
+        QCOMPARE(beat.header("X-Vantro-Sign-Device-Id"), "dev-activated");
+        // The code is in no file the program keeps.
+        for (const QString& path : {AppState().filePath(), instanceLogPath()}) {
+            QFile kept(path);
+            QVERIFY(kept.open(QIODevice::ReadOnly));
+            QVERIFY2(!kept.readAll().toUpper().contains(code.toUpper().remove(' ').toUtf8()),
+                     qPrintable(path));
+        }
     }
 };
 
