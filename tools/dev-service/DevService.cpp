@@ -3,7 +3,9 @@
 #include "app/FileHash.h"
 #include "Multipart.h"
 
+#include <QDir>
 #include <QFile>
+#include <QJsonDocument>
 #include <QJsonObject>
 #include <QTextStream>
 
@@ -40,7 +42,8 @@ void note(const QString& line)
 
 } // namespace
 
-DevService::DevService()
+DevService::DevService(const QString& dataDir)
+    : m_store(QDir(dataDir).filePath(QStringLiteral("service.db")))
 {
     addApiRoutes();
     addRoutes();
@@ -57,10 +60,9 @@ void DevService::addApiRoutes()
     m_server.route(QStringLiteral("/sign/api/v1/documents/uploads"), Method::Post,
                    [this](const QHttpServerRequest& request) { return upload(request); });
     m_server.route(QStringLiteral("/sign/api/v1/heartbeat"), Method::Post,
-                   [this](const QHttpServerRequest&) {
-                       note(QStringLiteral("heartbeat %1").arg(++m_heartbeats));
-                       return QHttpServerResponse(QJsonObject{{"ok", true}});
-                   });
+                   [this](const QHttpServerRequest& request) { return heartbeat(request); });
+    m_server.route(QStringLiteral("/sign/api/v1/devices/activate"), Method::Post,
+                   [this](const QHttpServerRequest& request) { return activate(request); });
     m_server.route(
         QStringLiteral("/sign/api/<arg>"), [](const QUrl&, const QHttpServerRequest& request) {
             return apiError(QHttpServerResponse::StatusCode::NotFound, QStringLiteral("NOT_FOUND"),
@@ -83,8 +85,9 @@ QHttpServerResponse DevService::upload(const QHttpServerRequest& request)
         return apiError(QHttpServerResponse::StatusCode::UnprocessableEntity,
                         QStringLiteral("UPLOAD_SHA256_MISMATCH"),
                         QStringLiteral("The sha256 part does not match the file."));
-    const int n = ++m_uploads;
     const FormPart* title = partNamed(parts, "title");
+    const int n = m_store.recordUpload(title ? QString::fromUtf8(title->body) : QString(),
+                                       QString::fromUtf8(sha256->body), file->body.size());
     note(QStringLiteral("upload %1: %2 bytes").arg(n).arg(file->body.size()));
     const QJsonObject version{{"id", QStringLiteral("ver-%1").arg(n)},
                               {"sha256", QString::fromUtf8(sha256->body)},
@@ -94,6 +97,61 @@ QHttpServerResponse DevService::upload(const QHttpServerRequest& request)
                                {"latest_version", version}};
     return QHttpServerResponse(QJsonObject{{"ok", true}, {"document", document}},
                                QHttpServerResponse::StatusCode::Created);
+}
+
+// Trades an activation code for a device identity; a code works once and for 30 days.
+QHttpServerResponse DevService::activate(const QHttpServerRequest& request)
+{
+    using Status = QHttpServerResponse::StatusCode;
+    const QJsonObject body = QJsonDocument::fromJson(request.body()).object();
+    const QString code = body.value("activation_code").toString().trimmed().toUpper();
+    switch (m_store.codeState(code)) {
+    case DevStore::CodeState::Unknown:
+        return apiError(Status::NotFound, QStringLiteral("ACTIVATION_CODE_INVALID"),
+                        QStringLiteral("Unknown activation code."));
+    case DevStore::CodeState::Expired:
+        return apiError(Status::Gone, QStringLiteral("ACTIVATION_CODE_EXPIRED"),
+                        QStringLiteral("The activation code has expired."));
+    case DevStore::CodeState::Used:
+        return apiError(Status::Conflict, QStringLiteral("ACTIVATION_CODE_USED"),
+                        QStringLiteral("The activation code was used already."));
+    case DevStore::CodeState::Valid:
+        break;
+    }
+    const QJsonObject device = m_store.registerDevice(code, body.value("device_name").toString());
+    if (device.isEmpty())
+        return apiError(Status::InternalServerError, QStringLiteral("ACTIVATION_FAILED"),
+                        QStringLiteral("The device could not be recorded."));
+    note(QStringLiteral("device activated: %1").arg(device.value("device_id").toString()));
+    QJsonObject grant = device;
+    grant.insert("workspace_id", "ws-demo");
+    grant.insert("license", QJsonObject{{"plan", "demo"}, {"seats", 1}});
+    grant.insert("signer_profile", QJsonObject{{"display_name", "Demo Signer"}});
+    grant.insert("app_url", "/sign/app/documents/");
+    grant.insert("api_base", "/sign/api/v1/");
+    return QHttpServerResponse(grant);
+}
+
+QString DevService::authenticatedDevice(const QHttpServerRequest& request)
+{
+    const QString deviceId = QString::fromUtf8(request.value("X-Vantro-Sign-Device-Id"));
+    const QByteArray authorization = request.value("Authorization");
+    const QString secret =
+        authorization.startsWith("Bearer ") ? QString::fromUtf8(authorization.mid(7)) : QString();
+    return m_store.isDevice(deviceId, secret) ? deviceId : QString();
+}
+
+// Recorded only for a device the service knows.
+QHttpServerResponse DevService::heartbeat(const QHttpServerRequest& request)
+{
+    const QString device = authenticatedDevice(request);
+    if (device.isEmpty())
+        return apiError(QHttpServerResponse::StatusCode::Unauthorized,
+                        QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
+                        QStringLiteral("Unknown device or secret."));
+    m_store.recordHeartbeat(device, request.body());
+    note(QStringLiteral("heartbeat %1 from %2").arg(m_store.heartbeatCount()).arg(device));
+    return QHttpServerResponse(QJsonObject{{"ok", true}});
 }
 
 void DevService::addRoutes()

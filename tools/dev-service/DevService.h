@@ -4,6 +4,8 @@
 #include <QHttpServer>
 #include <QHttpServerResponse>
 
+#include "DevStore.h"
+
 namespace vantro::dev {
 
 // The local stand-in of the signing service. It serves the demo web application under
@@ -12,7 +14,10 @@ namespace vantro::dev {
 class DevService
 {
 public:
-    DevService();
+    // Keeps its state in "service.db" inside `dataDir`.
+    explicit DevService(const QString& dataDir);
+    bool isReady() const { return m_store.isOpen(); }
+    DevStore& store() { return m_store; }
     // Returns the bound port, or 0 when listening failed.
     quint16 listen(const QHostAddress& address, quint16 port);
 
@@ -20,10 +25,13 @@ private:
     void addRoutes();
     void addApiRoutes();
     QHttpServerResponse upload(const QHttpServerRequest& request);
+    QHttpServerResponse activate(const QHttpServerRequest& request);
+    QHttpServerResponse heartbeat(const QHttpServerRequest& request);
+    // The device a request's credentials name, or empty when they name none.
+    QString authenticatedDevice(const QHttpServerRequest& request);
 
+    DevStore m_store;
     QHttpServer m_server;
-    int m_uploads = 0;
-    int m_heartbeats = 0;
 };
 
 } // namespace vantro::dev

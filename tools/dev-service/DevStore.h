@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QJsonObject>
+#include <QSqlDatabase>
+#include <QString>
+#include <QStringList>
+
+namespace vantro::dev {
+
+// The stand-in's own state in SQLite: activation codes, devices, uploaded documents and
+// heartbeats. Deleting the file resets the service.
+class DevStore
+{
+public:
+    explicit DevStore(const QString& databasePath);
+    ~DevStore();
+    DevStore(const DevStore&) = delete;
+    DevStore& operator=(const DevStore&) = delete;
+
+    bool isOpen() const { return m_open; }
+
+    // Unused, unexpired codes; three fresh ones are made when none is left.
+    QStringList activationCodes();
+
+    enum class CodeState { Unknown, Expired, Used, Valid };
+    CodeState codeState(const QString& code);
+    // Marks the code used and records a new device; answers {device_id, device_secret}.
+    QJsonObject registerDevice(const QString& code, const QString& deviceName);
+    bool isDevice(const QString& deviceId, const QString& secret);
+
+    void recordHeartbeat(const QString& deviceId, const QByteArray& body);
+    int heartbeatCount();
+    // Answers the new document's number.
+    int recordUpload(const QString& title, const QString& sha256, qint64 size);
+
+private:
+    bool exec(const QString& sql, const QVariantList& values = {});
+    QVariant scalar(const QString& sql, const QVariantList& values = {});
+    void addCode(const QString& code, qint64 expiresAt);
+
+    QString m_connection;
+    QSqlDatabase m_db;
+    bool m_open = false;
+};
+
+} // namespace vantro::dev
