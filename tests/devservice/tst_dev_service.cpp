@@ -1,12 +1,16 @@
-// The service stand-in's activation and heartbeat over loopback HTTP: codes work once, an
-// expired or unknown code is refused in the service's error shape, state survives a restart,
-// and only a known device's heartbeat is recorded.
+// The service stand-in over loopback HTTP: activation codes work once, expired and unknown ones
+// are refused in the service's error shape, state survives a restart, only known devices are
+// heard, and a document goes through upload, signing, download and acknowledgement.
 #include "DevService.h"
 
+#include <QCryptographicHash>
+#include <QDateTime>
 #include <QEventLoop>
+#include <QHttpMultiPart>
 #include <QJsonDocument>
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
+#include <QProcess>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -32,6 +36,8 @@ class TestDevService : public QObject
     std::unique_ptr<DevService> m_service;
     quint16 m_port = 0;
     QNetworkAccessManager m_network;
+    QByteArray m_device;
+    QByteArray m_secret;
 
     void start()
     {
@@ -42,23 +48,31 @@ class TestDevService : public QObject
         QVERIFY(m_port != 0);
     }
 
+    QUrl url(const QString& path) const
+    {
+        return QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path));
+    }
+
+    static Answer wait(QNetworkReply* reply)
+    {
+        QEventLoop loop;
+        QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+        loop.exec();
+        reply->deleteLater();
+        return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
+                QJsonDocument::fromJson(reply->readAll()).object()};
+    }
+
     Answer post(const QString& path, const QJsonObject& body, const QByteArray& device = {},
                 const QByteArray& secret = {})
     {
-        QNetworkRequest request(
-            QUrl(QStringLiteral("http://127.0.0.1:%1%2").arg(m_port).arg(path)));
+        QNetworkRequest request(url(path));
         request.setHeader(QNetworkRequest::ContentTypeHeader, "application/json");
         if (!device.isEmpty()) {
             request.setRawHeader("X-Vantro-Sign-Device-Id", device);
             request.setRawHeader("Authorization", "Bearer " + secret);
         }
-        QNetworkReply* reply = m_network.post(request, QJsonDocument(body).toJson());
-        QEventLoop loop;
-        connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
-        loop.exec();
-        reply->deleteLater();
-        return {reply->attribute(QNetworkRequest::HttpStatusCodeAttribute).toInt(),
-                QJsonDocument::fromJson(reply->readAll()).object()};
+        return wait(m_network.post(request, QJsonDocument(body).toJson()));
     }
 
     Answer activate(const QString& code)
@@ -98,6 +112,71 @@ private Q_SLOTS:
         QCOMPARE(post("/sign/api/v1/heartbeat", {{"n", 2}}, device, "wrong").status, 401);
         QCOMPARE(post("/sign/api/v1/heartbeat", {{"n", 3}}).status, 401);
         QCOMPARE(m_service->store().heartbeatCount(), 1);
+        m_device = device;
+        m_secret = secret;
+    }
+
+    // Upload, sign on the service, download the signed copy, acknowledge it: the copy is a CMS
+    // package that openssl verifies against the demo certificate and that holds the document.
+    void signingFlow()
+    {
+        const QByteArray document =
+            "%PDF-1.7 demo " + QByteArray::number(QDateTime::currentMSecsSinceEpoch());
+        auto* form = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+        const auto part = [form](const char* name, const QByteArray& body) {
+            QHttpPart piece;
+            piece.setHeader(QNetworkRequest::ContentDispositionHeader,
+                            QStringLiteral("form-data; name=\"%1\"").arg(name));
+            piece.setBody(body);
+            form->append(piece);
+        };
+        part("file", document);
+        part("sha256", QCryptographicHash::hash(document, QCryptographicHash::Sha256).toHex());
+        part("title", "Sutartis.pdf");
+        QNetworkRequest upload(url("/sign/api/v1/documents/uploads"));
+        QNetworkReply* reply = m_network.post(upload, form);
+        form->setParent(reply);
+        const Answer uploaded = wait(reply);
+        QCOMPARE(uploaded.status, 201);
+        const QString id = uploaded.body["document"].toObject()["id"].toString();
+
+        QCOMPARE(post("/sign/api/v1/documents/" + id + "/sign", {}).status, 401);
+        const Answer signedAnswer =
+            post("/sign/api/v1/documents/" + id + "/sign", {}, m_device, m_secret);
+        QCOMPARE(signedAnswer.status, 200);
+        const QJsonObject artifact = signedAnswer.body["artifact"].toObject();
+        QCOMPARE(artifact["file_name"].toString(), "Sutartis.pdf.p7m");
+
+        QNetworkRequest get(url(artifact["download_url"].toString()));
+        get.setRawHeader("X-Vantro-Sign-Device-Id", m_device);
+        get.setRawHeader("Authorization", "Bearer " + m_secret);
+        QNetworkReply* fetched = m_network.get(get);
+        QEventLoop loop;
+        connect(fetched, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+        loop.exec();
+        fetched->deleteLater();
+        const QByteArray package = fetched->readAll();
+        QCOMPARE(QString(fetched->rawHeader("Content-Disposition")),
+                 "attachment; filename*=UTF-8''Sutartis.pdf.p7m");
+        QCOMPARE(QString(QCryptographicHash::hash(package, QCryptographicHash::Sha256).toHex()),
+                 artifact["sha256"].toString());
+
+        QFile packed(m_data.filePath("received.p7m"));
+        QVERIFY(packed.open(QIODevice::WriteOnly) && packed.write(package) == package.size());
+        packed.close();
+        QProcess openssl;
+        openssl.start("openssl", {"cms", "-verify", "-inform", "DER", "-in", packed.fileName(),
+                                  "-CAfile", m_service->signerCertificate(), "-purpose", "any"});
+        QVERIFY(openssl.waitForFinished(30000));
+        QCOMPARE(openssl.exitCode(), 0);
+        QCOMPARE(openssl.readAllStandardOutput(), document);
+
+        QCOMPARE(post("/sign/api/v1/delivery/ack",
+                      {{"document_id", id}, {"version_id", artifact["version_id"]}}, m_device,
+                      m_secret)
+                     .status,
+                 200);
+        QCOMPARE(m_service->store().acknowledgementCount(), 1);
     }
 };
 

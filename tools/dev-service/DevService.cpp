@@ -8,6 +8,7 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTextStream>
+#include <QUrl>
 
 namespace vantro::dev {
 
@@ -35,6 +36,12 @@ const FormPart* partNamed(const QList<FormPart>& parts, const char* name)
     return nullptr;
 }
 
+// "doc-N" -> N, or 0.
+int documentNumber(const QString& id)
+{
+    return id.startsWith(QLatin1String("doc-")) ? id.mid(4).toInt() : 0;
+}
+
 void note(const QString& line)
 {
     QTextStream(stderr) << "vantro-dev-service: " << line << "\n";
@@ -43,8 +50,14 @@ void note(const QString& line)
 } // namespace
 
 DevService::DevService(const QString& dataDir)
-    : m_store(QDir(dataDir).filePath(QStringLiteral("service.db")))
+    : m_dataDir(dataDir)
+    , m_store(QDir(dataDir).filePath(QStringLiteral("service.db")))
+    , m_signer(dataDir)
 {
+    QString error;
+    m_signerReady = m_signer.ensureKey(&error) && QDir().mkpath(dataDir + "/files");
+    if (!m_signerReady)
+        note(QStringLiteral("demo signer unavailable: %1").arg(error));
     addApiRoutes();
     addRoutes();
 }
@@ -63,6 +76,17 @@ void DevService::addApiRoutes()
                    [this](const QHttpServerRequest& request) { return heartbeat(request); });
     m_server.route(QStringLiteral("/sign/api/v1/devices/activate"), Method::Post,
                    [this](const QHttpServerRequest& request) { return activate(request); });
+    m_server.route(QStringLiteral("/sign/api/v1/documents/<arg>/sign"), Method::Post,
+                   [this](const QString& document, const QHttpServerRequest& request) {
+                       return signDocument(document, request);
+                   });
+    m_server.route(QStringLiteral("/sign/api/v1/delivery/ack"), Method::Post,
+                   [this](const QHttpServerRequest& request) { return acknowledge(request); });
+    m_server.route(
+        QStringLiteral("/sign/app/documents/<arg>/versions/<arg>/download/"), Method::Get,
+        [this](const QString& document, const QString& version, const QHttpServerRequest& request) {
+            return download(document, version, request);
+        });
     m_server.route(
         QStringLiteral("/sign/api/<arg>"), [](const QUrl&, const QHttpServerRequest& request) {
             return apiError(QHttpServerResponse::StatusCode::NotFound, QStringLiteral("NOT_FOUND"),
@@ -88,6 +112,10 @@ QHttpServerResponse DevService::upload(const QHttpServerRequest& request)
     const FormPart* title = partNamed(parts, "title");
     const int n = m_store.recordUpload(title ? QString::fromUtf8(title->body) : QString(),
                                        QString::fromUtf8(sha256->body), file->body.size());
+    QFile stored(filePath(n, false));
+    if (!stored.open(QIODevice::WriteOnly) || stored.write(file->body) != file->body.size())
+        return apiError(QHttpServerResponse::StatusCode::InternalServerError,
+                        QStringLiteral("UPLOAD_NOT_STORED"), stored.errorString());
     note(QStringLiteral("upload %1: %2 bytes").arg(n).arg(file->body.size()));
     const QJsonObject version{{"id", QStringLiteral("ver-%1").arg(n)},
                               {"sha256", QString::fromUtf8(sha256->body)},
@@ -151,6 +179,81 @@ QHttpServerResponse DevService::heartbeat(const QHttpServerRequest& request)
                         QStringLiteral("Unknown device or secret."));
     m_store.recordHeartbeat(device, request.body());
     note(QStringLiteral("heartbeat %1 from %2").arg(m_store.heartbeatCount()).arg(device));
+    return QHttpServerResponse(QJsonObject{{"ok", true}});
+}
+
+QString DevService::filePath(int document, bool signedCopy) const
+{
+    return QDir(m_dataDir).filePath(
+        QStringLiteral("files/doc-%1%2").arg(document).arg(signedCopy ? "-signed.p7m" : ".bin"));
+}
+
+// Signs the uploaded document with the demo key and answers where the signed copy lies, in the
+// shape the page hands to the desktop's mirror.
+QHttpServerResponse DevService::signDocument(const QString& documentId,
+                                             const QHttpServerRequest& request)
+{
+    using Status = QHttpServerResponse::StatusCode;
+    if (authenticatedDevice(request).isEmpty())
+        return apiError(Status::Unauthorized, QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
+                        QStringLiteral("Unknown device or secret."));
+    const int n = documentNumber(documentId);
+    const QJsonObject document = m_store.document(n);
+    QFile original(filePath(n, false));
+    if (document.isEmpty() || !original.open(QIODevice::ReadOnly))
+        return apiError(Status::NotFound, QStringLiteral("DOCUMENT_NOT_FOUND"), documentId);
+    QString error;
+    const QByteArray signedBytes = m_signer.sign(original.readAll(), &error);
+    QFile signedFile(filePath(n, true));
+    if (signedBytes.isEmpty() || !signedFile.open(QIODevice::WriteOnly) ||
+        signedFile.write(signedBytes) != signedBytes.size())
+        return apiError(Status::InternalServerError, QStringLiteral("SIGNING_FAILED"), error);
+    const QString sha256 = sha256Hex(signedBytes);
+    m_store.markSigned(n, sha256);
+    const QString version = QStringLiteral("ver-%1-signed").arg(n);
+    note(QStringLiteral("signed %1").arg(documentId));
+    const QString title = document.value("title").toString();
+    return QHttpServerResponse(QJsonObject{
+        {"ok", true},
+        {"artifact",
+         QJsonObject{{"artifact_id", QStringLiteral("sig-%1").arg(n)},
+                     {"document_id", documentId},
+                     {"version_id", version},
+                     {"download_url", QStringLiteral("/sign/app/documents/%1/versions/%2/download/")
+                                          .arg(documentId, version)},
+                     {"sha256", sha256},
+                     {"file_name", (title.isEmpty() ? documentId : title) + ".p7m"}}}});
+}
+
+QHttpServerResponse DevService::download(const QString& documentId, const QString& versionId,
+                                         const QHttpServerRequest& request)
+{
+    using Status = QHttpServerResponse::StatusCode;
+    if (authenticatedDevice(request).isEmpty())
+        return apiError(Status::Unauthorized, QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
+                        QStringLiteral("Unknown device or secret."));
+    const int n = documentNumber(documentId);
+    QFile signedFile(filePath(n, true));
+    if (versionId != QStringLiteral("ver-%1-signed").arg(n) ||
+        !signedFile.open(QIODevice::ReadOnly))
+        return apiError(Status::NotFound, QStringLiteral("VERSION_NOT_FOUND"), versionId);
+    const QString title = m_store.document(n).value("title").toString();
+    const QString name = (title.isEmpty() ? documentId : title) + QStringLiteral(".p7m");
+    QHttpServerResponse response("application/pkcs7-mime", signedFile.readAll());
+    response.setHeader("Content-Disposition",
+                       "attachment; filename*=UTF-8''" + QUrl::toPercentEncoding(name));
+    return response;
+}
+
+QHttpServerResponse DevService::acknowledge(const QHttpServerRequest& request)
+{
+    const QString device = authenticatedDevice(request);
+    if (device.isEmpty())
+        return apiError(QHttpServerResponse::StatusCode::Unauthorized,
+                        QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
+                        QStringLiteral("Unknown device or secret."));
+    m_store.recordAcknowledgement(device, QJsonDocument::fromJson(request.body()).object());
+    note(QStringLiteral("delivery acknowledged by %1").arg(device));
     return QHttpServerResponse(QJsonObject{{"ok", true}});
 }
 

@@ -4,6 +4,7 @@
 #include <QHttpServer>
 #include <QHttpServerResponse>
 
+#include "DemoSigner.h"
 #include "DevStore.h"
 
 namespace vantro::dev {
@@ -16,7 +17,8 @@ class DevService
 public:
     // Keeps its state in "service.db" inside `dataDir`.
     explicit DevService(const QString& dataDir);
-    bool isReady() const { return m_store.isOpen(); }
+    bool isReady() const { return m_store.isOpen() && m_signerReady; }
+    QString signerCertificate() const { return m_signer.certificatePath(); }
     DevStore& store() { return m_store; }
     // Returns the bound port, or 0 when listening failed.
     quint16 listen(const QHostAddress& address, quint16 port);
@@ -27,10 +29,18 @@ private:
     QHttpServerResponse upload(const QHttpServerRequest& request);
     QHttpServerResponse activate(const QHttpServerRequest& request);
     QHttpServerResponse heartbeat(const QHttpServerRequest& request);
+    QHttpServerResponse signDocument(const QString& documentId, const QHttpServerRequest& request);
+    QHttpServerResponse download(const QString& documentId, const QString& versionId,
+                                 const QHttpServerRequest& request);
+    QHttpServerResponse acknowledge(const QHttpServerRequest& request);
+    QString filePath(int document, bool signedCopy) const;
     // The device a request's credentials name, or empty when they name none.
     QString authenticatedDevice(const QHttpServerRequest& request);
 
+    QString m_dataDir;
     DevStore m_store;
+    DemoSigner m_signer;
+    bool m_signerReady = false;
     QHttpServer m_server;
 };
 

@@ -1,6 +1,7 @@
 #include "DevStore.h"
 
 #include <QDateTime>
+#include <QJsonDocument>
 #include <QRandomGenerator>
 #include <QSqlError>
 #include <QSqlQuery>
@@ -54,7 +55,10 @@ DevStore::DevStore(const QString& databasePath)
              exec("CREATE TABLE IF NOT EXISTS heartbeats (id INTEGER PRIMARY KEY, device_id "
                   "TEXT, body TEXT, received_at INTEGER NOT NULL)") &&
              exec("CREATE TABLE IF NOT EXISTS documents (id INTEGER PRIMARY KEY, title TEXT, "
-                  "sha256 TEXT NOT NULL, size INTEGER NOT NULL, received_at INTEGER NOT NULL)");
+                  "sha256 TEXT NOT NULL, size INTEGER NOT NULL, received_at INTEGER NOT NULL, "
+                  "signed_sha256 TEXT)") &&
+             exec("CREATE TABLE IF NOT EXISTS acknowledgements (id INTEGER PRIMARY KEY, "
+                  "device_id TEXT, body TEXT, received_at INTEGER NOT NULL)");
     // A code that has run out, to show the refusal.
     if (m_open)
         exec("INSERT OR IGNORE INTO activation_codes (code, expires_at) VALUES ('DEMO-OLD1', 1)");
@@ -166,6 +170,38 @@ int DevStore::recordUpload(const QString& title, const QString& sha256, qint64 s
         QStringLiteral("INSERT INTO documents (title, sha256, size, received_at) VALUES (?,?,?,?)"),
         {title, sha256, size, now()});
     return scalar(QStringLiteral("SELECT MAX(id) FROM documents")).toInt();
+}
+
+QJsonObject DevStore::document(int id)
+{
+    QSqlQuery query(m_db);
+    query.prepare(
+        QStringLiteral("SELECT title, sha256, size, signed_sha256 FROM documents WHERE id = ?"));
+    query.addBindValue(id);
+    if (!query.exec() || !query.next())
+        return {};
+    return {{"title", query.value(0).toString()},
+            {"sha256", query.value(1).toString()},
+            {"size", query.value(2).toLongLong()},
+            {"signed_sha256", query.value(3).toString()}};
+}
+
+bool DevStore::markSigned(int id, const QString& signedSha256)
+{
+    return exec(QStringLiteral("UPDATE documents SET signed_sha256 = ? WHERE id = ?"),
+                {signedSha256, id});
+}
+
+void DevStore::recordAcknowledgement(const QString& deviceId, const QJsonObject& body)
+{
+    exec(QStringLiteral(
+             "INSERT INTO acknowledgements (device_id, body, received_at) VALUES (?,?,?)"),
+         {deviceId, QString::fromUtf8(QJsonDocument(body).toJson(QJsonDocument::Compact)), now()});
+}
+
+int DevStore::acknowledgementCount()
+{
+    return scalar(QStringLiteral("SELECT COUNT(*) FROM acknowledgements")).toInt();
 }
 
 } // namespace vantro::dev

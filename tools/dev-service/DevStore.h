@@ -32,6 +32,11 @@ public:
     int heartbeatCount();
     // Answers the new document's number.
     int recordUpload(const QString& title, const QString& sha256, qint64 size);
+    // {title, sha256, size, signed_sha256}; empty for an unknown document.
+    QJsonObject document(int id);
+    bool markSigned(int id, const QString& signedSha256);
+    void recordAcknowledgement(const QString& deviceId, const QJsonObject& body);
+    int acknowledgementCount();
 
 private:
     bool exec(const QString& sql, const QVariantList& values = {});
