@@ -43,10 +43,16 @@ UpdateManager::UpdateManager(QString updatesDir, QObject* parent)
     qRegisterMetaType<OrderedObject>();
 }
 
+// Nothing may report back into a manager being destroyed: the reply and the signature check
+// are cut off first.
 UpdateManager::~UpdateManager()
 {
-    if (m_reply)
+    if (m_reply) {
+        m_reply->disconnect(this);
         m_reply->abort();
+    }
+    if (m_signatureCheck)
+        m_signatureCheck->disconnect(this);
 }
 
 QString UpdateManager::action() const
