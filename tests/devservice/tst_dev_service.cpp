@@ -140,9 +140,11 @@ private Q_SLOTS:
         QCOMPARE(uploaded.status, 201);
         const QString id = uploaded.body["document"].toObject()["id"].toString();
 
+        // The page signs in its own session, which a page of the application opens.
         QCOMPARE(post("/sign/api/v1/documents/" + id + "/sign", {}).status, 401);
-        const Answer signedAnswer =
-            post("/sign/api/v1/documents/" + id + "/sign", {}, m_device, m_secret);
+        QNetworkReply* page = m_network.get(QNetworkRequest(url("/sign/app/documents/")));
+        QCOMPARE(wait(page).status, 200);
+        const Answer signedAnswer = post("/sign/api/v1/documents/" + id + "/sign", {});
         QCOMPARE(signedAnswer.status, 200);
         const QJsonObject artifact = signedAnswer.body["artifact"].toObject();
         QCOMPARE(artifact["file_name"].toString(), "Sutartis.pdf.p7m");

@@ -9,6 +9,7 @@
 #include <QJsonObject>
 #include <QTextStream>
 #include <QUrl>
+#include <QUuid>
 
 namespace vantro::dev {
 
@@ -50,7 +51,8 @@ void note(const QString& line)
 } // namespace
 
 DevService::DevService(const QString& dataDir)
-    : m_dataDir(dataDir)
+    : m_sessionToken(QUuid::createUuid().toString(QUuid::Id128).toLatin1())
+    , m_dataDir(dataDir)
     , m_store(QDir(dataDir).filePath(QStringLiteral("service.db")))
     , m_signer(dataDir)
 {
@@ -194,9 +196,9 @@ QHttpServerResponse DevService::signDocument(const QString& documentId,
                                              const QHttpServerRequest& request)
 {
     using Status = QHttpServerResponse::StatusCode;
-    if (authenticatedDevice(request).isEmpty())
+    if (authenticatedDevice(request).isEmpty() && !isPageSession(request))
         return apiError(Status::Unauthorized, QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
-                        QStringLiteral("Unknown device or secret."));
+                        QStringLiteral("Neither a known device nor the page's session."));
     const int n = documentNumber(documentId);
     const QJsonObject document = m_store.document(n);
     QFile original(filePath(n, false));
@@ -257,15 +259,37 @@ QHttpServerResponse DevService::acknowledge(const QHttpServerRequest& request)
     return QHttpServerResponse(QJsonObject{{"ok", true}});
 }
 
+bool DevService::isPageSession(const QHttpServerRequest& request) const
+{
+    const QByteArray wanted = "vantro_demo_session=" + m_sessionToken;
+    for (const QByteArray& cookie : request.value("Cookie").split(';')) {
+        if (cookie.trimmed() == wanted)
+            return true;
+    }
+    return false;
+}
+
+// A page of the web application; it opens the page's session with the service, as a signed-in
+// user's browser would have one.
+QHttpServerResponse DevService::page(const QString& resourceName) const
+{
+    QHttpServerResponse response("text/html; charset=utf-8",
+                                 resource(QStringLiteral(":/dev-service/www/") + resourceName));
+    response.setHeader("Set-Cookie", "vantro_demo_session=" + m_sessionToken +
+                                         "; Path=/sign; HttpOnly; SameSite=Strict");
+    return response;
+}
+
 void DevService::addRoutes()
 {
-    // Every page of the web application is the same single-page demo.
-    const auto app = [] {
-        return QHttpServerResponse("text/html; charset=utf-8",
-                                   resource(QStringLiteral(":/dev-service/www/index.html")));
-    };
-    m_server.route(QStringLiteral("/sign/app/"), app);
-    m_server.route(QStringLiteral("/sign/app/<arg>"), [app](const QUrl&) { return app(); });
+    // The developer console calls every page API function with arguments typed in; every other
+    // page of the web application is the same single-page application.
+    const QString app = QStringLiteral("console.html");
+    m_server.route(QStringLiteral("/sign/app/console/"),
+                   [this] { return page(QStringLiteral("console.html")); });
+    m_server.route(QStringLiteral("/sign/app/"), [this, app] { return page(app); });
+    m_server.route(QStringLiteral("/sign/app/<arg>"),
+                   [this, app](const QUrl&) { return page(app); });
     m_server.route(QStringLiteral("/"), [] {
         QHttpServerResponse response(QHttpServerResponse::StatusCode::Found);
         response.setHeader("Location", "/sign/app/documents/");

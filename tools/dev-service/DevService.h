@@ -9,9 +9,10 @@
 
 namespace vantro::dev {
 
-// The local stand-in of the signing service. It serves the demo web application under
-// "/sign/app/" and the REST endpoints under "/sign/api/v1"; unknown API paths get a 404 in the
-// service's error shape.
+// The local stand-in of the signing service. It serves the web application under "/sign/app/"
+// and the REST endpoints under "/sign/api/v1"; unknown API paths get a 404 in the service's
+// error shape. The desktop authenticates with its device credentials; the page, like a signed-in
+// browser, with the session cookie its pages set.
 class DevService
 {
 public:
@@ -34,9 +35,12 @@ private:
                                  const QHttpServerRequest& request);
     QHttpServerResponse acknowledge(const QHttpServerRequest& request);
     QString filePath(int document, bool signedCopy) const;
+    bool isPageSession(const QHttpServerRequest& request) const;
+    QHttpServerResponse page(const QString& resourceName) const;
     // The device a request's credentials name, or empty when they name none.
     QString authenticatedDevice(const QHttpServerRequest& request);
 
+    QByteArray m_sessionToken; // the web application's session, new at every start
     QString m_dataDir;
     DevStore m_store;
     DemoSigner m_signer;
