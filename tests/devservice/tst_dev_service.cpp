@@ -180,6 +180,30 @@ private Q_SLOTS:
                  200);
         QCOMPARE(m_service->store().acknowledgementCount(), 1);
     }
+
+    void invitations()
+    {
+        const QString path = "/sign/api/v1/documents/doc-7/external-invites";
+        QCOMPARE(post(path, {{"email", "a@example.lt"}}).status, 401);
+        const Answer created = post(path, {{"email", "a@example.lt"}}, m_device, m_secret);
+        QCOMPARE(created.status, 201);
+        const QJsonObject invitation = created.body["invitation"].toObject();
+        QCOMPARE(invitation["email"].toString(), "a@example.lt");
+        QCOMPARE(invitation["status"].toString(), "PENDING");
+        const QString id = invitation["id"].toString();
+        const auto action = [&](const QString& verb) {
+            return post("/sign/api/v1/external-invites/" + id + "/" + verb, {}, m_device, m_secret)
+                .body["invitation"]
+                .toObject();
+        };
+        QCOMPARE(action("remind")["reminders"].toInt(), 1);
+        QCOMPARE(action("cancel")["status"].toString(), "CANCELLED");
+        QCOMPARE(
+            post("/sign/api/v1/external-invites/inv-999/cancel", {}, m_device, m_secret).status,
+            404);
+        QCOMPARE(m_service->store().invitations("doc-7").size(), 1);
+        QCOMPARE(m_service->store().invitations("doc-8").size(), 0);
+    }
 };
 
 QTEST_GUILESS_MAIN(TestDevService)

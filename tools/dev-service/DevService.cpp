@@ -82,6 +82,7 @@ void DevService::addApiRoutes()
                    [this](const QString& document, const QHttpServerRequest& request) {
                        return signDocument(document, request);
                    });
+    addInvitationRoutes();
     m_server.route(QStringLiteral("/sign/api/v1/delivery/ack"), Method::Post,
                    [this](const QHttpServerRequest& request) { return acknowledge(request); });
     m_server.route(
@@ -245,6 +246,59 @@ QHttpServerResponse DevService::download(const QString& documentId, const QStrin
     response.setHeader("Content-Disposition",
                        "attachment; filename*=UTF-8''" + QUrl::toPercentEncoding(name));
     return response;
+}
+
+QHttpServerResponse DevService::forDevice(const QHttpServerRequest& request,
+                                          const std::function<QHttpServerResponse()>& answer)
+{
+    if (authenticatedDevice(request).isEmpty())
+        return apiError(QHttpServerResponse::StatusCode::Unauthorized,
+                        QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
+                        QStringLiteral("Unknown device or secret."));
+    return answer();
+}
+
+// External invitations, listed, created per document, cancelled and reminded.
+void DevService::addInvitationRoutes()
+{
+    using Method = QHttpServerRequest::Method;
+    const auto list = [this](const QString& document) {
+        return QHttpServerResponse(
+            QJsonObject{{"ok", true}, {"invitations", m_store.invitations(document)}});
+    };
+    m_server.route(QStringLiteral("/sign/api/v1/external-invites"), Method::Get,
+                   [this, list](const QHttpServerRequest& request) {
+                       return forDevice(request, [&] { return list({}); });
+                   });
+    m_server.route(QStringLiteral("/sign/api/v1/documents/<arg>/external-invites"), Method::Get,
+                   [this, list](const QString& document, const QHttpServerRequest& request) {
+                       return forDevice(request, [&] { return list(document); });
+                   });
+    m_server.route(
+        QStringLiteral("/sign/api/v1/documents/<arg>/external-invites"), Method::Post,
+        [this](const QString& document, const QHttpServerRequest& request) {
+            return forDevice(request, [&] {
+                const QJsonObject fields = QJsonDocument::fromJson(request.body()).object();
+                return QHttpServerResponse(
+                    QJsonObject{{"ok", true},
+                                {"invitation", m_store.createInvitation(document, fields)}},
+                    QHttpServerResponse::StatusCode::Created);
+            });
+        });
+    m_server.route(
+        QStringLiteral("/sign/api/v1/external-invites/<arg>/<arg>"), Method::Post,
+        [this](const QString& id, const QString& action, const QHttpServerRequest& request) {
+            return forDevice(request, [&] {
+                const QJsonObject invitation =
+                    (action == QLatin1String("cancel") || action == QLatin1String("remind"))
+                        ? m_store.updateInvitation(id.mid(4).toInt(), action)
+                        : QJsonObject();
+                if (!id.startsWith(QLatin1String("inv-")) || invitation.isEmpty())
+                    return apiError(QHttpServerResponse::StatusCode::NotFound,
+                                    QStringLiteral("INVITATION_NOT_FOUND"), id);
+                return QHttpServerResponse(QJsonObject{{"ok", true}, {"invitation", invitation}});
+            });
+        });
 }
 
 QHttpServerResponse DevService::acknowledge(const QHttpServerRequest& request)

@@ -4,6 +4,8 @@
 #include <QHttpServer>
 #include <QHttpServerResponse>
 
+#include <functional>
+
 #include "DemoSigner.h"
 #include "DevStore.h"
 
@@ -34,6 +36,10 @@ private:
     QHttpServerResponse download(const QString& documentId, const QString& versionId,
                                  const QHttpServerRequest& request);
     QHttpServerResponse acknowledge(const QHttpServerRequest& request);
+    void addInvitationRoutes();
+    // Runs `answer` for a request with the device's credentials; 401 otherwise.
+    QHttpServerResponse forDevice(const QHttpServerRequest& request,
+                                  const std::function<QHttpServerResponse()>& answer);
     QString filePath(int document, bool signedCopy) const;
     bool isPageSession(const QHttpServerRequest& request) const;
     QHttpServerResponse page(const QString& resourceName) const;

@@ -58,7 +58,10 @@ DevStore::DevStore(const QString& databasePath)
                   "sha256 TEXT NOT NULL, size INTEGER NOT NULL, received_at INTEGER NOT NULL, "
                   "signed_sha256 TEXT)") &&
              exec("CREATE TABLE IF NOT EXISTS acknowledgements (id INTEGER PRIMARY KEY, "
-                  "device_id TEXT, body TEXT, received_at INTEGER NOT NULL)");
+                  "device_id TEXT, body TEXT, received_at INTEGER NOT NULL)") &&
+             exec("CREATE TABLE IF NOT EXISTS invitations (id INTEGER PRIMARY KEY, document_id "
+                  "TEXT NOT NULL, body TEXT NOT NULL, status TEXT NOT NULL, reminders INTEGER "
+                  "NOT NULL DEFAULT 0)");
     // A code that has run out, to show the refusal.
     if (m_open)
         exec("INSERT OR IGNORE INTO activation_codes (code, expires_at) VALUES ('DEMO-OLD1', 1)");
@@ -202,6 +205,60 @@ void DevStore::recordAcknowledgement(const QString& deviceId, const QJsonObject&
 int DevStore::acknowledgementCount()
 {
     return scalar(QStringLiteral("SELECT COUNT(*) FROM acknowledgements")).toInt();
+}
+
+namespace {
+
+QJsonObject invitationJson(const QSqlQuery& row)
+{
+    QJsonObject invitation = QJsonDocument::fromJson(row.value(2).toString().toUtf8()).object();
+    invitation.insert("id", QStringLiteral("inv-%1").arg(row.value(0).toInt()));
+    invitation.insert("document_id", row.value(1).toString());
+    invitation.insert("status", row.value(3).toString());
+    invitation.insert("reminders", row.value(4).toInt());
+    return invitation;
+}
+
+const char kInvitationColumns[] =
+    "SELECT id, document_id, body, status, reminders FROM invitations";
+
+} // namespace
+
+QJsonObject DevStore::createInvitation(const QString& documentId, const QJsonObject& fields)
+{
+    if (!exec(
+            QStringLiteral(
+                "INSERT INTO invitations (document_id, body, status) VALUES (?, ?, 'PENDING')"),
+            {documentId, QString::fromUtf8(QJsonDocument(fields).toJson(QJsonDocument::Compact))}))
+        return {};
+    return updateInvitation(scalar(QStringLiteral("SELECT MAX(id) FROM invitations")).toInt(), {});
+}
+
+QJsonArray DevStore::invitations(const QString& documentId)
+{
+    QSqlQuery query(m_db);
+    query.prepare(QString::fromLatin1(kInvitationColumns) +
+                  (documentId.isEmpty() ? QString() : QStringLiteral(" WHERE document_id = ?")) +
+                  QStringLiteral(" ORDER BY id"));
+    if (!documentId.isEmpty())
+        query.addBindValue(documentId);
+    QJsonArray all;
+    if (query.exec())
+        while (query.next())
+            all.append(invitationJson(query));
+    return all;
+}
+
+QJsonObject DevStore::updateInvitation(int id, const QString& action)
+{
+    if (action == QLatin1String("cancel"))
+        exec(QStringLiteral("UPDATE invitations SET status = 'CANCELLED' WHERE id = ?"), {id});
+    else if (action == QLatin1String("remind"))
+        exec(QStringLiteral("UPDATE invitations SET reminders = reminders + 1 WHERE id = ?"), {id});
+    QSqlQuery query(m_db);
+    query.prepare(QString::fromLatin1(kInvitationColumns) + QStringLiteral(" WHERE id = ?"));
+    query.addBindValue(id);
+    return query.exec() && query.next() ? invitationJson(query) : QJsonObject();
 }
 
 } // namespace vantro::dev

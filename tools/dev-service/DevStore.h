@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QJsonArray>
 #include <QJsonObject>
 #include <QSqlDatabase>
 #include <QString>
@@ -37,6 +38,14 @@ public:
     bool markSigned(int id, const QString& signedSha256);
     void recordAcknowledgement(const QString& deviceId, const QJsonObject& body);
     int acknowledgementCount();
+
+    // External invitations: the caller's fields kept as given, with id, document_id, status
+    // ("PENDING", "CANCELLED") and reminders added.
+    QJsonObject createInvitation(const QString& documentId, const QJsonObject& fields);
+    // Every invitation, or a document's when `documentId` is not empty.
+    QJsonArray invitations(const QString& documentId);
+    // Applies "cancel" or "remind"; empty for an unknown invitation.
+    QJsonObject updateInvitation(int id, const QString& action);
 
 private:
     bool exec(const QString& sql, const QVariantList& values = {});
