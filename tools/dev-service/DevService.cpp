@@ -43,6 +43,12 @@ int documentNumber(const QString& id)
     return id.startsWith(QLatin1String("doc-")) ? id.mid(4).toInt() : 0;
 }
 
+QHttpServerResponse unauthorized(const QString& message)
+{
+    return apiError(QHttpServerResponse::StatusCode::Unauthorized,
+                    QStringLiteral("DEVICE_NOT_AUTHENTICATED"), message);
+}
+
 void note(const QString& line)
 {
     QTextStream(stderr) << "vantro-dev-service: " << line << "\n";
@@ -175,14 +181,11 @@ QString DevService::authenticatedDevice(const QHttpServerRequest& request)
 // Recorded only for a device the service knows.
 QHttpServerResponse DevService::heartbeat(const QHttpServerRequest& request)
 {
-    const QString device = authenticatedDevice(request);
-    if (device.isEmpty())
-        return apiError(QHttpServerResponse::StatusCode::Unauthorized,
-                        QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
-                        QStringLiteral("Unknown device or secret."));
-    m_store.recordHeartbeat(device, request.body());
-    note(QStringLiteral("heartbeat %1 from %2").arg(m_store.heartbeatCount()).arg(device));
-    return QHttpServerResponse(QJsonObject{{"ok", true}});
+    return forDevice(request, [&](const QString& device) {
+        m_store.recordHeartbeat(device, request.body());
+        note(QStringLiteral("heartbeat %1 from %2").arg(m_store.heartbeatCount()).arg(device));
+        return QHttpServerResponse(QJsonObject{{"ok", true}});
+    });
 }
 
 QString DevService::filePath(int document, bool signedCopy) const
@@ -198,8 +201,7 @@ QHttpServerResponse DevService::signDocument(const QString& documentId,
 {
     using Status = QHttpServerResponse::StatusCode;
     if (authenticatedDevice(request).isEmpty() && !isPageSession(request))
-        return apiError(Status::Unauthorized, QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
-                        QStringLiteral("Neither a known device nor the page's session."));
+        return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
     const int n = documentNumber(documentId);
     const QJsonObject document = m_store.document(n);
     QFile original(filePath(n, false));
@@ -231,31 +233,29 @@ QHttpServerResponse DevService::signDocument(const QString& documentId,
 QHttpServerResponse DevService::download(const QString& documentId, const QString& versionId,
                                          const QHttpServerRequest& request)
 {
-    using Status = QHttpServerResponse::StatusCode;
-    if (authenticatedDevice(request).isEmpty())
-        return apiError(Status::Unauthorized, QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
-                        QStringLiteral("Unknown device or secret."));
-    const int n = documentNumber(documentId);
-    QFile signedFile(filePath(n, true));
-    if (versionId != QStringLiteral("ver-%1-signed").arg(n) ||
-        !signedFile.open(QIODevice::ReadOnly))
-        return apiError(Status::NotFound, QStringLiteral("VERSION_NOT_FOUND"), versionId);
-    const QString title = m_store.document(n).value("title").toString();
-    const QString name = (title.isEmpty() ? documentId : title) + QStringLiteral(".p7m");
-    QHttpServerResponse response("application/pkcs7-mime", signedFile.readAll());
-    response.setHeader("Content-Disposition",
-                       "attachment; filename*=UTF-8''" + QUrl::toPercentEncoding(name));
-    return response;
+    return forDevice(request, [&](const QString&) {
+        const int n = documentNumber(documentId);
+        QFile signedFile(filePath(n, true));
+        if (versionId != QStringLiteral("ver-%1-signed").arg(n) ||
+            !signedFile.open(QIODevice::ReadOnly))
+            return apiError(QHttpServerResponse::StatusCode::NotFound,
+                            QStringLiteral("VERSION_NOT_FOUND"), versionId);
+        const QString title = m_store.document(n).value("title").toString();
+        const QString name = (title.isEmpty() ? documentId : title) + QStringLiteral(".p7m");
+        QHttpServerResponse response("application/pkcs7-mime", signedFile.readAll());
+        response.setHeader("Content-Disposition",
+                           "attachment; filename*=UTF-8''" + QUrl::toPercentEncoding(name));
+        return response;
+    });
 }
 
 QHttpServerResponse DevService::forDevice(const QHttpServerRequest& request,
-                                          const std::function<QHttpServerResponse()>& answer)
+                                          const DeviceAnswer& answer)
 {
-    if (authenticatedDevice(request).isEmpty())
-        return apiError(QHttpServerResponse::StatusCode::Unauthorized,
-                        QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
-                        QStringLiteral("Unknown device or secret."));
-    return answer();
+    const QString device = authenticatedDevice(request);
+    if (device.isEmpty())
+        return unauthorized(QStringLiteral("Unknown device or secret."));
+    return answer(device);
 }
 
 // External invitations, listed, created per document, cancelled and reminded.
@@ -268,16 +268,16 @@ void DevService::addInvitationRoutes()
     };
     m_server.route(QStringLiteral("/sign/api/v1/external-invites"), Method::Get,
                    [this, list](const QHttpServerRequest& request) {
-                       return forDevice(request, [&] { return list({}); });
+                       return forDevice(request, [&](const QString&) { return list({}); });
                    });
     m_server.route(QStringLiteral("/sign/api/v1/documents/<arg>/external-invites"), Method::Get,
                    [this, list](const QString& document, const QHttpServerRequest& request) {
-                       return forDevice(request, [&] { return list(document); });
+                       return forDevice(request, [&](const QString&) { return list(document); });
                    });
     m_server.route(
         QStringLiteral("/sign/api/v1/documents/<arg>/external-invites"), Method::Post,
         [this](const QString& document, const QHttpServerRequest& request) {
-            return forDevice(request, [&] {
+            return forDevice(request, [&](const QString&) {
                 const QJsonObject fields = QJsonDocument::fromJson(request.body()).object();
                 return QHttpServerResponse(
                     QJsonObject{{"ok", true},
@@ -288,7 +288,7 @@ void DevService::addInvitationRoutes()
     m_server.route(
         QStringLiteral("/sign/api/v1/external-invites/<arg>/<arg>"), Method::Post,
         [this](const QString& id, const QString& action, const QHttpServerRequest& request) {
-            return forDevice(request, [&] {
+            return forDevice(request, [&](const QString&) {
                 const QJsonObject invitation =
                     (action == QLatin1String("cancel") || action == QLatin1String("remind"))
                         ? m_store.updateInvitation(id.mid(4).toInt(), action)
@@ -303,14 +303,11 @@ void DevService::addInvitationRoutes()
 
 QHttpServerResponse DevService::acknowledge(const QHttpServerRequest& request)
 {
-    const QString device = authenticatedDevice(request);
-    if (device.isEmpty())
-        return apiError(QHttpServerResponse::StatusCode::Unauthorized,
-                        QStringLiteral("DEVICE_NOT_AUTHENTICATED"),
-                        QStringLiteral("Unknown device or secret."));
-    m_store.recordAcknowledgement(device, QJsonDocument::fromJson(request.body()).object());
-    note(QStringLiteral("delivery acknowledged by %1").arg(device));
-    return QHttpServerResponse(QJsonObject{{"ok", true}});
+    return forDevice(request, [&](const QString& device) {
+        m_store.recordAcknowledgement(device, QJsonDocument::fromJson(request.body()).object());
+        note(QStringLiteral("delivery acknowledged by %1").arg(device));
+        return QHttpServerResponse(QJsonObject{{"ok", true}});
+    });
 }
 
 bool DevService::isPageSession(const QHttpServerRequest& request) const

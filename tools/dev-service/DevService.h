@@ -37,9 +37,9 @@ private:
                                  const QHttpServerRequest& request);
     QHttpServerResponse acknowledge(const QHttpServerRequest& request);
     void addInvitationRoutes();
-    // Runs `answer` for a request with the device's credentials; 401 otherwise.
-    QHttpServerResponse forDevice(const QHttpServerRequest& request,
-                                  const std::function<QHttpServerResponse()>& answer);
+    // Runs `answer` with the device a request's credentials name; 401 when they name none.
+    using DeviceAnswer = std::function<QHttpServerResponse(const QString& device)>;
+    QHttpServerResponse forDevice(const QHttpServerRequest& request, const DeviceAnswer& answer);
     QString filePath(int document, bool signedCopy) const;
     bool isPageSession(const QHttpServerRequest& request) const;
     QHttpServerResponse page(const QString& resourceName) const;
