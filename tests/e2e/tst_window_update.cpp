@@ -40,22 +40,13 @@ private:
     PageDriver& page() { return m_app.page(); }
     UpdateManager* updates() { return m_app.window()->updateManager(); }
 
-    void publish(const QString& version, const QByteArray& installer, const QByteArray& digestOf)
+    void publish(const QString& version, const QByteArray& installer)
     {
-        const QString name = "VantroSignNextSetup-" + version + ".exe";
-        const QJsonObject manifest{
-            {"schemaVersion", 1},
-            {"product", "Vantro Sign Next"},
-            {"version", version},
-            {"buildId", version + ".1"},
-            {"installerFileName", name},
-            {"installerUrl", m_feed.origin() + "/" + name},
-            {"installerSize", installer.size()},
-            {"sha512",
-             QString(QCryptographicHash::hash(digestOf, QCryptographicHash::Sha512).toBase64())},
-            {"publisher", vantro::test::SignedInstallers::publisher()}};
+        const QJsonObject manifest =
+            vantro::test::SignedInstallers::manifestFor(m_feed.origin(), version, installer);
         m_feed.script("GET", "/latest.json", ScriptedReply(200, QJsonDocument(manifest).toJson()));
-        m_feed.script("GET", "/" + name, ScriptedReply(200, installer, "application/x"));
+        m_feed.script("GET", "/" + manifest["installerFileName"].toString(),
+                      ScriptedReply(200, installer, "application/x"));
     }
 
     // Waits until the page has seen an update event in `state`; the states it saw, in order.
@@ -93,7 +84,7 @@ private Q_SLOTS:
     void checkDownloadVerifyReady()
     {
         const QByteArray installer = m_installers.bytes(vantro::test::SignedInstallers::Valid);
-        publish("9.2.0", installer, installer);
+        publish("9.2.0", installer);
         const QJsonObject checked = page().await("vantroSign.checkForUpdates()");
         QCOMPARE(checked["value"]["state"].toString(), "checking");
         QCOMPARE(pageStatesUntil("available"), QStringList({"checking", "available"}));
@@ -125,7 +116,7 @@ private Q_SLOTS:
     void tamperedInstallerIsRefused()
     {
         const QByteArray installer = m_installers.bytes(vantro::test::SignedInstallers::Tampered);
-        publish("9.3.0", installer, installer);
+        publish("9.3.0", installer);
         page().await("vantroSign.checkForUpdates()");
         QVERIFY(pageStatesUntil("available").contains("available"));
         page().await("vantroSign.startUpdate()");

@@ -5,8 +5,10 @@
 // and a timestamp authority under the same root. osslsigncode signs and timestamps offline.
 #include "vantro_config.h"
 
+#include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QJsonObject>
 #include <QProcess>
 #include <QTemporaryDir>
 
@@ -48,6 +50,23 @@ public:
     }
 
     static QString publisher() { return QString::fromUtf8(config::kPublisherName); }
+
+    // A feed manifest announcing `installer` as `version`, served from `origin`.
+    static QJsonObject manifestFor(const QString& origin, const QString& version,
+                                   const QByteArray& installer)
+    {
+        const QString name = "VantroSignNextSetup-" + version + ".exe";
+        const QByteArray digest = QCryptographicHash::hash(installer, QCryptographicHash::Sha512);
+        return {{"schemaVersion", 1},
+                {"product", "Vantro Sign Next"},
+                {"version", version},
+                {"buildId", version + ".1"},
+                {"installerFileName", name},
+                {"installerUrl", origin + "/" + name},
+                {"installerSize", installer.size()},
+                {"sha512", QString(digest.toBase64())},
+                {"publisher", publisher()}};
+    }
     QString trustStore() const { return file("ca.pem"); }
 
     // The installer of `kind` as bytes.

@@ -64,19 +64,9 @@ class TestUpdateManager : public QObject
         return updates;
     }
 
-    QJsonObject manifest(const QByteArray& installer, const QString& url = {})
+    QJsonObject manifest(const QByteArray& installer)
     {
-        return {
-            {"schemaVersion", 1},
-            {"product", "Vantro Sign Next"},
-            {"version", kVersion},
-            {"buildId", "9.1.0.1"},
-            {"installerFileName", kInstallerName},
-            {"installerUrl", url.isEmpty() ? m_service.origin() + "/" + kInstallerName : url},
-            {"installerSize", installer.size()},
-            {"sha512",
-             QString(QCryptographicHash::hash(installer, QCryptographicHash::Sha512).toBase64())},
-            {"publisher", SignedInstallers::publisher()}};
+        return SignedInstallers::manifestFor(m_service.origin(), kVersion, installer);
     }
 
     // The feed announces `installer`; its address answers `served`.
