@@ -49,6 +49,13 @@ QHttpServerResponse unauthorized(const QString& message)
                     QStringLiteral("DEVICE_NOT_AUTHENTICATED"), message);
 }
 
+// Made before the database inside it is opened.
+QString madePath(const QString& dir)
+{
+    QDir().mkpath(dir);
+    return dir;
+}
+
 void note(const QString& line)
 {
     QTextStream(stderr) << "vantro-dev-service: " << line << "\n";
@@ -58,7 +65,7 @@ void note(const QString& line)
 
 DevService::DevService(const QString& dataDir)
     : m_sessionToken(QUuid::createUuid().toString(QUuid::Id128).toLatin1())
-    , m_dataDir(dataDir)
+    , m_dataDir(madePath(dataDir))
     , m_store(QDir(dataDir).filePath(QStringLiteral("service.db")))
     , m_signer(dataDir)
 {
@@ -335,7 +342,7 @@ void DevService::addRoutes()
 {
     // The developer console calls every page API function with arguments typed in; every other
     // page of the web application is the same single-page application.
-    const QString app = QStringLiteral("console.html");
+    const QString app = QStringLiteral("index.html");
     m_server.route(QStringLiteral("/sign/app/console/"),
                    [this] { return page(QStringLiteral("console.html")); });
     m_server.route(QStringLiteral("/sign/app/"), [this, app] { return page(app); });

@@ -25,7 +25,6 @@ int main(int argc, char** argv)
 
     QTemporaryDir scratch;
     const QString dataDir = parser.isSet(dataOption) ? parser.value(dataOption) : scratch.path();
-    QDir().mkpath(dataDir);
     vantro::dev::DevService service(dataDir);
     QTextStream err(stderr);
     if (!service.isReady()) {
