@@ -44,7 +44,7 @@ fi
 # A demo device that is not activated yet is activated with one of the stand-in's codes, through
 # the same activation link a user would click.
 args=("$@")
-device_json=$(find "$demo/home" -name device.json 2>/dev/null | head -n 1)
+device_json=$(find "$demo" -name device.json 2>/dev/null | head -n 1)
 if [[ -z $device_json ]] || ! grep -q '"deviceId": *"[^"]' "$device_json"; then
     code=$(sed -n 's/^vantro-dev-service: activation code: //p' "$service_log" | head -n 1)
     [[ -n $code ]] && args+=("vantrosign://activate?code=$code")

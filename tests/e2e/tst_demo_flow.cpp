@@ -136,13 +136,16 @@ private Q_SLOTS:
         QCOMPARE(documents.size(), 1);
         m_documentId = documents.first()["id"].toString();
         QCOMPARE(text(documentRow() + " .cloud"), "Ne");
+        QCOMPARE(text(documentRow() + " .status"), "Tik šiame kompiuteryje");
 
         click(documentRow() + " [data-action=upload]");
         QCOMPARE(text(documentRow() + " .cloud"), "Taip");
+        QCOMPARE(text(documentRow() + " .status"), "Įkeltas");
         QCOMPARE(m_service->store().document(1)["sha256"].toString(), sha256Hex(kDocument));
 
         click(documentRow() + " [data-action=sign]");
         QCOMPARE(text("#message"), "Pasirašytas failas išsaugotas: Pasirasyta/Sutartis.p7m");
+        QCOMPARE(text(documentRow() + " .status"), "Pasirašytas");
         QVERIFY(
             !m_page.json("!!document.querySelector(\"" + documentRow() + " [data-action=sign]\")")
                  .toBool());
