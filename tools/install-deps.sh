@@ -8,7 +8,8 @@ packages=(
     qt6-base-dev qt6-base-dev-tools libqt6sql6-sqlite
     qt6-webengine-dev qt6-webchannel-dev qt6-httpserver-dev qt6-websockets-dev
     qt6-svg-dev libqt6svg6
-    libssl-dev openssl libsecret-1-dev libpcsclite-dev
+    libssl-dev openssl libsecret-1-dev libpcsclite-dev libp11-kit-dev
+    softhsm2 opensc
     pcscd vsmartcard-vpcd pcsc-tools
     g++-mingw-w64-x86-64-posix
     sqlite3 xvfb xauth

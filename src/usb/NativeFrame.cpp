@@ -10,25 +10,22 @@ namespace {
 
 constexpr int kWaitSliceMs = 100;
 
-enum class FrameState { Incomplete, Complete, Oversized };
+} // namespace
 
-// Takes one whole frame off the front of `buffer` when it is there.
-FrameState takeFrame(QByteArray& buffer, QByteArray* frame, quint32* length)
+NativeFrameState takeNativeFrame(QByteArray& buffer, QByteArray* frame, quint32* length)
 {
     if (buffer.size() < 4)
-        return FrameState::Incomplete;
+        return NativeFrameState::Incomplete;
     *length = qFromLittleEndian<quint32>(buffer.constData());
     if (*length > kMaxNativeFrameBytes)
-        return FrameState::Oversized;
+        return NativeFrameState::Oversized;
     const qsizetype total = qsizetype(*length) + 4;
     if (buffer.size() < total)
-        return FrameState::Incomplete;
+        return NativeFrameState::Incomplete;
     *frame = buffer.mid(4, *length);
     buffer.remove(0, total);
-    return FrameState::Complete;
+    return NativeFrameState::Complete;
 }
-
-} // namespace
 
 QByteArray encodeNativeFrame(const QByteArray& body)
 {
@@ -54,13 +51,13 @@ QByteArray readNativeFrame(QProcess& process, QByteArray& buffer, int timeoutMs,
         drain();
         QByteArray frame;
         quint32 length = 0;
-        switch (takeFrame(buffer, &frame, &length)) {
-        case FrameState::Complete:
+        switch (takeNativeFrame(buffer, &frame, &length)) {
+        case NativeFrameState::Complete:
             return frame;
-        case FrameState::Oversized:
+        case NativeFrameState::Oversized:
             *errorOut = QStringLiteral("Bad native-message frame length: %1").arg(length);
             return {};
-        case FrameState::Incomplete:
+        case NativeFrameState::Incomplete:
             break;
         }
         const qint64 left = timeoutMs - clock.elapsed();
