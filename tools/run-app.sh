@@ -8,8 +8,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/install-deps.sh
 
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build -j"$(nproc)" --target vantro-sign vantro-dev-service
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTRO_TEST_HOOKS=OFF >/dev/null
+cmake --build build -j"$(nproc)" --target vantro-sign vantro-dev-service vantro-sign-native-host vantro-sign-mw-cli
 
 demo=$(realpath -m "${VANTRO_DEMO_HOME:-.demo}")
 mkdir -p "$demo/service" "$demo/home" "$demo/app"

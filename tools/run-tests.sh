@@ -10,14 +10,14 @@ jobs=$(nproc)
 bash tools/install-deps.sh
 
 echo "== build (release with debug info)"
-cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo -DVANTRO_TEST_HOOKS=ON >/dev/null
 cmake --build build -j"$jobs"
 
 echo "== tests"
 (cd build && ctest -LE bench --output-on-failure -j"$jobs")
 
 echo "== tests under AddressSanitizer and UndefinedBehaviorSanitizer (no browser)"
-cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVANTRO_SANITIZE=ON -DVANTRO_WITH_UI=OFF \
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=Debug -DVANTRO_SANITIZE=ON -DVANTRO_WITH_UI=OFF -DVANTRO_TEST_HOOKS=ON \
     -DVANTRO_BUILD_BENCH=OFF >/dev/null
 cmake --build build-asan -j"$jobs"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 \
