@@ -12,7 +12,6 @@ namespace vantro::usbmethods {
 
 namespace {
 
-constexpr int kDiagnoseTimeoutMs = 15000;
 constexpr int kCertificateTimeoutMs = 60000;
 constexpr int kSignTimeoutMs = 180000;
 constexpr int kSignBatchTimeoutMs = 300000;
@@ -41,7 +40,7 @@ OrderedObject diagnose(DesktopBridge& bridge, const QVariantList&)
     const QString cli = bridge.locateHelperExecutable(middlewareCliFileName());
     if (cli.isEmpty())
         throw CodedError(kUnavailable, QStringLiteral("Vantro Sign middleware CLI was not found."));
-    QJsonObject report = runMiddlewareDiagnose(cli, kDiagnoseTimeoutMs);
+    QJsonObject report = runMiddlewareDiagnose(cli, kMiddlewareDiagnoseTimeoutMs);
     QVariantMap value = report.toVariantMap();
     value.insert(QStringLiteral("vantroRuntime"), bridge.helperRuntime().toVariant());
     return DesktopBridge::ok(value);

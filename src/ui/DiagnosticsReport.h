@@ -3,6 +3,7 @@
 #include "app/OrderedJson.h"
 #include "usb/pcsc/Readers.h"
 
+#include <QJsonObject>
 #include <QList>
 #include <QPair>
 #include <QString>
@@ -21,6 +22,8 @@ struct DiagnosticsData
     bool readersScanned = false; // false until the first reader scan arrives
     pcsc::ReaderScan readers;
     QString logPath;
+    bool middlewareChecked = false; // false until the diagnostics program has answered
+    QJsonObject middleware;         // its report, or {"error": text}
 };
 
 // One titled block of label/value rows.

@@ -3,11 +3,15 @@
 #include "usb/pcsc/ReaderMonitor.h"
 #include "usb/RuntimeBridge.h"
 
+#include "app/Errors.h"
+
 #include <QClipboard>
+#include <QFutureWatcher>
 #include <QGuiApplication>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QPushButton>
+#include <QtConcurrent/QtConcurrentRun>
 #include <QTreeWidget>
 #include <QVBoxLayout>
 
@@ -52,6 +56,27 @@ DiagnosticsView::DiagnosticsView(DiagnosticsSources sources, QWidget* parent)
             Qt::QueuedConnection);
     refresh();
     m_monitor->start();
+    checkMiddleware();
+}
+
+void DiagnosticsView::checkMiddleware()
+{
+    if (!m_sources.middlewareReport)
+        return;
+    auto* watcher = new QFutureWatcher<QJsonObject>(this);
+    connect(watcher, &QFutureWatcher<QJsonObject>::finished, this, [this, watcher] {
+        m_data.middlewareChecked = true;
+        m_data.middleware = watcher->result();
+        watcher->deleteLater();
+        render();
+    });
+    watcher->setFuture(QtConcurrent::run([report = m_sources.middlewareReport] {
+        try {
+            return report();
+        } catch (const std::exception& error) {
+            return QJsonObject{{QStringLiteral("error"), describeFailure(error)}};
+        }
+    }));
 }
 
 DiagnosticsView::~DiagnosticsView()

@@ -24,6 +24,8 @@ struct DiagnosticsSources
     std::function<OrderedObject()> helperStatus;
     QString logPath;
     std::function<bool(const QUrl&)> openUrl;
+    // The middleware diagnostics program's report; run off the GUI thread, it may take seconds.
+    std::function<QJsonObject()> middlewareReport;
 };
 
 // The native diagnostics window, in Lithuanian: versions, the card host, saved PINs with their
@@ -44,6 +46,7 @@ public Q_SLOTS:
 
 private:
     void showReaders(const pcsc::ReaderScan& scan);
+    void checkMiddleware();
     void render();
     QWidget* buildButtons();
 

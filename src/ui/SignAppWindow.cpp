@@ -20,6 +20,8 @@
 #include "ui/SystemDesktopShell.h"
 #include "ui/Theme.h"
 #include "ui/WebHost.h"
+#include "usb/HelperRegistry.h"
+#include "usb/NativeHostClient.h"
 #include "usb/RuntimeBridge.h"
 
 #include <QCoreApplication>
@@ -256,6 +258,14 @@ void SignAppWindow::openDiagnostics()
             return m_bridge->helperRuntime();
         };
         sources.logPath = instanceLogPath();
+        sources.middlewareReport = [registry = m_bridge->helperRegistry()] {
+            const QString cli = registry->locate(middlewareCliFileName());
+            if (cli.isEmpty())
+                return QJsonObject{
+                    {QStringLiteral("error"), QStringLiteral("diagnostikos programa %1 nerasta")
+                                                  .arg(middlewareCliFileName())}};
+            return runMiddlewareDiagnose(cli, kMiddlewareDiagnoseTimeoutMs);
+        };
         sources.openUrl = [this](const QUrl& url) {
             return m_shell->openUrl(url);
         };

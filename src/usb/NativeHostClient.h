@@ -21,6 +21,9 @@ QJsonObject nativeHostRequest(const QString& command, const QVariantMap& argumen
 QJsonObject runNativeHostCommand(const QString& hostPath, const QString& command,
                                  const QVariantMap& arguments, int timeoutMs);
 
+// How long the middleware diagnostics program may run.
+inline constexpr int kMiddlewareDiagnoseTimeoutMs = 15000;
+
 // Runs the middleware program with "--diagnose" and returns what it printed when that is a
 // JSON object, else an empty object. Throws "VANTRO_USB_HELPER_TIMEOUT_diagnose" when it has
 // not finished within `timeoutMs` (it is killed) or could not start.

@@ -8,6 +8,8 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QDeadlineTimer>
+#include <QJsonArray>
+#include <QJsonObject>
 #include <QPushButton>
 #include <QTest>
 
@@ -39,6 +41,7 @@ class TestDiagnosticsView : public QObject
     std::unique_ptr<RuntimeBridge> m_runtime;
     QList<QUrl> m_opened;
     bool m_helperFound = true;
+    QJsonObject m_middleware;
 
     std::unique_ptr<DiagnosticsView> openView()
     {
@@ -51,6 +54,9 @@ class TestDiagnosticsView : public QObject
         sources.openUrl = [this](const QUrl& url) {
             m_opened << url;
             return true;
+        };
+        sources.middlewareReport = [report = m_middleware] {
+            return report;
         };
         auto view = std::make_unique<DiagnosticsView>(std::move(sources));
         view->show();
@@ -112,6 +118,56 @@ private Q_SLOTS:
         QVERIFY2(report.contains(helper), qPrintable(report));
         QVERIFY(report.contains("Laukia: 2\n  Nepavyko: 1\n"));
         QVERIFY(report.contains("Qt versija: " + QString(qVersion())));
+    }
+
+    // The diagnostics program's report, read off the GUI thread, becomes the drivers section.
+    void middlewareRows_data()
+    {
+        QTest::addColumn<QJsonObject>("report");
+        QTest::addColumn<QString>("rows");
+        const QJsonObject certificate{{"subject", "CN=Jonas"},
+                                      {"keyType", "EC"},
+                                      {"keyBits", 256},
+                                      {"keyUsage", QJsonArray{"nonRepudiation"}},
+                                      {"extendedKeyUsage", QJsonArray()},
+                                      {"notAfter", "2027-01-01T00:00:00Z"}};
+        const QJsonObject token{{"label", "Jono kortelė"},
+                                {"model", "ID v3"},
+                                {"initialized", true},
+                                {"pinFinalTry", true},
+                                {"certificates", QJsonArray{certificate}}};
+        const QJsonObject loaded{{"path", "/usr/lib/opensc-pkcs11.so"},
+                                 {"loaded", true},
+                                 {"description", "OpenSC"},
+                                 {"version", "0.23"},
+                                 {"slots", QJsonArray{QJsonObject{{"token", token}}}}};
+        QTest::newRow("a token with its certificate")
+            << QJsonObject{{"modules", QJsonArray{loaded}}}
+            << "  /usr/lib/opensc-pkcs11.so: įkelta: OpenSC 0.23\n"
+               "    priemonė „Jono kortelė“: ID v3, sertifikatų: 1, liko paskutinis PIN bandymas\n"
+               "      sertifikatas: CN=Jonas (EC 256; nonRepudiation), galioja iki "
+               "2027-01-01T00:00:00Z\n";
+        QTest::newRow("a module that does not load")
+            << QJsonObject{{"modules", QJsonArray{QJsonObject{{"path", "/usr/lib/x.so"},
+                                                              {"loaded", false},
+                                                              {"error", "bad module"}}}}}
+            << "  /usr/lib/x.so: neįkelta: bad module\n";
+        QTest::newRow("no middleware")
+            << QJsonObject{{"modules", QJsonArray()}}
+            << "  Būsena: tvarkyklių nerasta: įdiekite kortelės ar USB rakto gamintojo "
+               "programinę įrangą arba OpenSC\n";
+        QTest::newRow("no diagnostics program")
+            << QJsonObject{{"error", "diagnostikos programa nerasta"}}
+            << "  Būsena: diagnostikos programa nerasta\n";
+    }
+    void middlewareRows()
+    {
+        QFETCH(QJsonObject, report);
+        QFETCH(QString, rows);
+        m_middleware = report;
+        const auto view = openView();
+        const QString section = "Kortelių tvarkyklės (PKCS#11)\n" + rows;
+        QVERIFY2(waitForReport(*view, section), qPrintable(view->reportText()));
     }
 
     void pinButtonsAndReportCopy()
