@@ -14,6 +14,8 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <openssl/ecdsa.h>
+
 #include <memory>
 
 using namespace vantro::dev;
@@ -75,6 +77,55 @@ class TestDevService : public QObject
         return wait(m_network.post(request, QJsonDocument(body).toJson()));
     }
 
+    // Uploads as the desktop does; answers the new document's id.
+    QString upload(const QByteArray& document, const QByteArray& title)
+    {
+        auto* form = new QHttpMultiPart(QHttpMultiPart::FormDataType);
+        const auto part = [form](const char* name, const QByteArray& body) {
+            QHttpPart piece;
+            piece.setHeader(QNetworkRequest::ContentDispositionHeader,
+                            QStringLiteral("form-data; name=\"%1\"").arg(name));
+            piece.setBody(body);
+            form->append(piece);
+        };
+        part("file", document);
+        part("sha256", QCryptographicHash::hash(document, QCryptographicHash::Sha256).toHex());
+        part("title", title);
+        QNetworkReply* reply =
+            m_network.post(QNetworkRequest(url("/sign/api/v1/documents/uploads")), form);
+        form->setParent(reply);
+        const Answer uploaded = wait(reply);
+        return uploaded.status == 201 ? uploaded.body["document"].toObject()["id"].toString()
+                                      : QString();
+    }
+
+    // Signs a SHA-256 hash with a key file the way a card does: RSA PKCS#1 v1.5, or ECDSA
+    // turned into raw r||s.
+    QByteArray cardSign(const QString& keyFile, const QByteArray& hash, bool ec)
+    {
+        QFile input(m_data.filePath("hash.bin"));
+        if (!input.open(QIODevice::WriteOnly) || input.write(hash) != hash.size())
+            return {};
+        input.close();
+        QProcess openssl;
+        openssl.start("openssl", {"pkeyutl", "-sign", "-inkey", keyFile, "-in", input.fileName(),
+                                  "-pkeyopt", "digest:sha256"});
+        openssl.waitForFinished(30000);
+        const QByteArray der = openssl.readAllStandardOutput();
+        if (!ec)
+            return der;
+        const auto* cursor = reinterpret_cast<const unsigned char*>(der.constData());
+        ECDSA_SIG* signature = d2i_ECDSA_SIG(nullptr, &cursor, long(der.size()));
+        if (!signature)
+            return {};
+        QByteArray raw(64, '\0');
+        auto* out = reinterpret_cast<unsigned char*>(raw.data());
+        BN_bn2binpad(ECDSA_SIG_get0_r(signature), out, 32);
+        BN_bn2binpad(ECDSA_SIG_get0_s(signature), out + 32, 32);
+        ECDSA_SIG_free(signature);
+        return raw;
+    }
+
     Answer activate(const QString& code)
     {
         return post("/sign/api/v1/devices/activate", {{"activation_code", code}});
@@ -122,23 +173,7 @@ private Q_SLOTS:
     {
         const QByteArray document =
             "%PDF-1.7 demo " + QByteArray::number(QDateTime::currentMSecsSinceEpoch());
-        auto* form = new QHttpMultiPart(QHttpMultiPart::FormDataType);
-        const auto part = [form](const char* name, const QByteArray& body) {
-            QHttpPart piece;
-            piece.setHeader(QNetworkRequest::ContentDispositionHeader,
-                            QStringLiteral("form-data; name=\"%1\"").arg(name));
-            piece.setBody(body);
-            form->append(piece);
-        };
-        part("file", document);
-        part("sha256", QCryptographicHash::hash(document, QCryptographicHash::Sha256).toHex());
-        part("title", "Sutartis.pdf");
-        QNetworkRequest upload(url("/sign/api/v1/documents/uploads"));
-        QNetworkReply* reply = m_network.post(upload, form);
-        form->setParent(reply);
-        const Answer uploaded = wait(reply);
-        QCOMPARE(uploaded.status, 201);
-        const QString id = uploaded.body["document"].toObject()["id"].toString();
+        const QString id = upload(document, "Sutartis.pdf");
 
         // The page signs in its own session, which a page of the application opens.
         QCOMPARE(post("/sign/api/v1/documents/" + id + "/sign", {}).status, 401);
@@ -203,6 +238,80 @@ private Q_SLOTS:
             404);
         QCOMPARE(m_service->store().invitations("doc-7").size(), 1);
         QCOMPARE(m_service->store().invitations("doc-8").size(), 0);
+    }
+
+    // A card's signature comes back from the page and is packed with the document and the card's
+    // certificate; openssl accepts the package. A signature that is not the card's is refused.
+    void cardSignature_data()
+    {
+        QTest::addColumn<QString>("keyType");
+        QTest::addColumn<bool>("tampered");
+        QTest::newRow("RSA PKCS#1 v1.5") << "rsa:2048" << false;
+        QTest::newRow("ECDSA P-256, raw r||s") << "ec" << false;
+        QTest::newRow("signature of another hash") << "ec" << true;
+    }
+    void cardSignature()
+    {
+        QFETCH(QString, keyType);
+        QFETCH(bool, tampered);
+        const bool ec = keyType == "ec";
+        QProcess openssl;
+        QStringList request{"req",
+                            "-x509",
+                            "-nodes",
+                            "-days",
+                            "2",
+                            "-subj",
+                            "/CN=Card holder",
+                            "-newkey",
+                            keyType,
+                            "-keyout",
+                            m_data.filePath("card.key"),
+                            "-out",
+                            m_data.filePath("card.pem"),
+                            "-outform",
+                            "PEM"};
+        if (ec)
+            request << "-pkeyopt"
+                    << "ec_paramgen_curve:P-256";
+        openssl.start("openssl", request);
+        QVERIFY(openssl.waitForFinished(60000) && openssl.exitCode() == 0);
+        openssl.start("openssl", {"x509", "-in", m_data.filePath("card.pem"), "-outform", "DER"});
+        QVERIFY(openssl.waitForFinished(30000));
+        const QByteArray certificate = openssl.readAllStandardOutput();
+
+        const QByteArray document = "%PDF-1.7 card " + keyType.toUtf8();
+        const QString id = upload(document, "Kortele.pdf");
+        QVERIFY(!id.isEmpty());
+        const QString base = "/sign/api/v1/documents/" + id + "/card-signing";
+        QCOMPARE(post(base + "/finish", {{"signature", "AAAA"}}, m_device, m_secret).status, 409);
+        const Answer started =
+            post(base, {{"certificate", QString(certificate.toBase64())}}, m_device, m_secret);
+        QCOMPARE(started.status, 200);
+        QCOMPARE(started.body["hashFunction"].toString(), "SHA-256");
+        QByteArray hash = QByteArray::fromBase64(started.body["hash"].toString().toLatin1());
+        QCOMPARE(hash, QCryptographicHash::hash(document, QCryptographicHash::Sha256));
+        if (tampered)
+            hash = QCryptographicHash::hash("other", QCryptographicHash::Sha256);
+        const QByteArray signature = cardSign(m_data.filePath("card.key"), hash, ec);
+        QVERIFY(!signature.isEmpty());
+        const Answer finished = post(
+            base + "/finish", {{"signature", QString(signature.toBase64())}}, m_device, m_secret);
+        if (tampered) {
+            QCOMPARE(finished.status, 422);
+            QCOMPARE(finished.body["error"]["code"].toString(), "CARD_SIGNATURE_INVALID");
+            return;
+        }
+        QCOMPARE(finished.status, 200);
+        const QJsonObject artifact = finished.body["artifact"].toObject();
+        QCOMPARE(artifact["file_name"].toString(), "Kortele.pdf.p7m");
+        QFile package(m_data.path() + "/files/" + id + "-signed.p7m");
+        QVERIFY(package.exists());
+        openssl.start("openssl", {"cms", "-verify", "-inform", "DER", "-in", package.fileName(),
+                                  "-CAfile", m_data.filePath("card.pem"), "-purpose", "any"});
+        QVERIFY(openssl.waitForFinished(30000));
+        QCOMPARE(openssl.exitCode(), 0);
+        QCOMPARE(openssl.readAllStandardOutput(), document);
     }
 };
 

@@ -10,6 +10,11 @@
 #include "store/LocalStore.h"
 #include "ui/ActivationScreen.h"
 #include "ui/LocalRootWatch.h"
+#include "usb/HelperRegistry.h"
+
+#ifdef VANTRO_NATIVE_HOST
+#include "nativehost/SoftHsmToken.h"
+#endif
 
 #include <QProcess>
 #include <QPushButton>
@@ -192,6 +197,38 @@ private Q_SLOTS:
         QCOMPARE(store()->listDocuments({}).size(), 0);
         QVERIFY(!m_page.json("!!document.querySelector(\"" + documentRow() + "\")").toBool());
     }
+
+#ifdef VANTRO_NATIVE_HOST
+    // The card path of the demo: the page asks the card host for the certificate and a
+    // signature of the hash the stand-in gives, and the stand-in packs the card's signature.
+    void signWithASoftwareToken()
+    {
+        SoftHsmToken token("Demo card", "EC", "1234");
+        QVERIFY2(token.error().isEmpty(), qPrintable(token.error()));
+        qputenv("VANTRO_SIGN_PKCS11_MODULE", kSoftHsmModule.toUtf8());
+        qputenv("VANTRO_SIGN_TEST_PIN", "1234");
+        m_window->desktopBridge()->useHelperRegistry(
+            std::make_shared<HelperRegistry>(QFileInfo(VANTRO_NATIVE_HOST).absolutePath()));
+        QFile document(path("Kortele.pdf"));
+        QVERIFY(document.open(QIODevice::WriteOnly) && document.write(kDocument) > 0);
+        document.close();
+        m_shell.onPickFiles = [this] {
+            return QStringList{path("Kortele.pdf")};
+        };
+        click("#import");
+        m_documentId = store()->listDocuments({}).first()["id"].toString();
+
+        click(documentRow() + " [data-action=sign-card]");
+        QCOMPARE(text("#message"), "Pasirašytas failas išsaugotas: Pasirasyta/Kortele.p7m");
+        const QString signedPath = QDir(path("Vantro Sign")).filePath("Pasirasyta/Kortele.p7m");
+        QProcess openssl;
+        openssl.start("openssl", {"cms", "-verify", "-inform", "DER", "-in", signedPath, "-CAfile",
+                                  token.path("sign.pem"), "-purpose", "any"});
+        QVERIFY(openssl.waitForFinished(kFlowTimeoutMs));
+        QCOMPARE(openssl.exitCode(), 0);
+        QCOMPARE(openssl.readAllStandardOutput(), kDocument);
+    }
+#endif
 };
 
 QTEST_MAIN(DemoFlowTest)

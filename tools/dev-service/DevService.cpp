@@ -1,6 +1,7 @@
 #include "DevService.h"
 
 #include "app/FileHash.h"
+#include "CardSignature.h"
 #include "Multipart.h"
 
 #include <QDir>
@@ -94,6 +95,14 @@ void DevService::addApiRoutes()
     m_server.route(QStringLiteral("/sign/api/v1/documents/<arg>/sign"), Method::Post,
                    [this](const QString& document, const QHttpServerRequest& request) {
                        return signDocument(document, request);
+                   });
+    m_server.route(QStringLiteral("/sign/api/v1/documents/<arg>/card-signing"), Method::Post,
+                   [this](const QString& document, const QHttpServerRequest& request) {
+                       return startCardSigning(document, request);
+                   });
+    m_server.route(QStringLiteral("/sign/api/v1/documents/<arg>/card-signing/finish"), Method::Post,
+                   [this](const QString& document, const QHttpServerRequest& request) {
+                       return finishCardSigning(document, request);
                    });
     addInvitationRoutes();
     m_server.route(QStringLiteral("/sign/api/v1/delivery/ack"), Method::Post,
@@ -201,30 +210,89 @@ QString DevService::filePath(int document, bool signedCopy) const
         QStringLiteral("files/doc-%1%2").arg(document).arg(signedCopy ? "-signed.p7m" : ".bin"));
 }
 
+bool DevService::maySign(const QHttpServerRequest& request)
+{
+    return !authenticatedDevice(request).isEmpty() || isPageSession(request);
+}
+
 // Signs the uploaded document with the demo key and answers where the signed copy lies, in the
 // shape the page hands to the desktop's mirror.
 QHttpServerResponse DevService::signDocument(const QString& documentId,
                                              const QHttpServerRequest& request)
 {
-    using Status = QHttpServerResponse::StatusCode;
-    if (authenticatedDevice(request).isEmpty() && !isPageSession(request))
+    if (!maySign(request))
         return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
     const int n = documentNumber(documentId);
-    const QJsonObject document = m_store.document(n);
     QFile original(filePath(n, false));
-    if (document.isEmpty() || !original.open(QIODevice::ReadOnly))
-        return apiError(Status::NotFound, QStringLiteral("DOCUMENT_NOT_FOUND"), documentId);
+    if (m_store.document(n).isEmpty() || !original.open(QIODevice::ReadOnly))
+        return apiError(QHttpServerResponse::StatusCode::NotFound,
+                        QStringLiteral("DOCUMENT_NOT_FOUND"), documentId);
     QString error;
-    const QByteArray signedBytes = m_signer.sign(original.readAll(), &error);
+    const QByteArray package = m_signer.sign(original.readAll(), &error);
+    if (package.isEmpty())
+        return apiError(QHttpServerResponse::StatusCode::InternalServerError,
+                        QStringLiteral("SIGNING_FAILED"), error);
+    return storeSigned(n, package);
+}
+
+// A card signs the document's SHA-256: the page gets the hash to sign for the certificate it
+// names, and hands the card's signature back to finish.
+QHttpServerResponse DevService::startCardSigning(const QString& documentId,
+                                                 const QHttpServerRequest& request)
+{
+    if (!maySign(request))
+        return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
+    const int n = documentNumber(documentId);
+    QFile original(filePath(n, false));
+    const QByteArray certificate = QByteArray::fromBase64(
+        QJsonDocument::fromJson(request.body())["certificate"].toString().toLatin1());
+    if (m_store.document(n).isEmpty() || !original.open(QIODevice::ReadOnly))
+        return apiError(QHttpServerResponse::StatusCode::NotFound,
+                        QStringLiteral("DOCUMENT_NOT_FOUND"), documentId);
+    if (certificate.isEmpty())
+        return apiError(QHttpServerResponse::StatusCode::BadRequest,
+                        QStringLiteral("CERTIFICATE_REQUIRED"),
+                        QStringLiteral("The signing certificate is required."));
+    m_cardCertificates.insert(n, certificate);
+    const QByteArray hash = QByteArray::fromHex(sha256Hex(original.readAll()).toLatin1());
+    return QHttpServerResponse(QJsonObject{
+        {"ok", true}, {"hash", QString::fromLatin1(hash.toBase64())}, {"hashFunction", "SHA-256"}});
+}
+
+QHttpServerResponse DevService::finishCardSigning(const QString& documentId,
+                                                  const QHttpServerRequest& request)
+{
+    if (!maySign(request))
+        return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
+    const int n = documentNumber(documentId);
+    QFile original(filePath(n, false));
+    if (!m_cardCertificates.contains(n) || !original.open(QIODevice::ReadOnly))
+        return apiError(QHttpServerResponse::StatusCode::Conflict,
+                        QStringLiteral("CARD_SIGNING_NOT_STARTED"), documentId);
+    const QByteArray signature = QByteArray::fromBase64(
+        QJsonDocument::fromJson(request.body())["signature"].toString().toLatin1());
+    QString error;
+    const QByteArray package =
+        packCardSignature(original.readAll(), m_cardCertificates.value(n), signature, &error);
+    if (package.isEmpty())
+        return apiError(QHttpServerResponse::StatusCode::UnprocessableEntity,
+                        QStringLiteral("CARD_SIGNATURE_INVALID"), error);
+    m_cardCertificates.remove(n);
+    return storeSigned(n, package);
+}
+
+QHttpServerResponse DevService::storeSigned(int n, const QByteArray& package)
+{
     QFile signedFile(filePath(n, true));
-    if (signedBytes.isEmpty() || !signedFile.open(QIODevice::WriteOnly) ||
-        signedFile.write(signedBytes) != signedBytes.size())
-        return apiError(Status::InternalServerError, QStringLiteral("SIGNING_FAILED"), error);
-    const QString sha256 = sha256Hex(signedBytes);
+    if (!signedFile.open(QIODevice::WriteOnly) || signedFile.write(package) != package.size())
+        return apiError(QHttpServerResponse::StatusCode::InternalServerError,
+                        QStringLiteral("SIGNING_FAILED"), signedFile.errorString());
+    const QString sha256 = sha256Hex(package);
     m_store.markSigned(n, sha256);
+    const QString documentId = QStringLiteral("doc-%1").arg(n);
     const QString version = QStringLiteral("ver-%1-signed").arg(n);
     note(QStringLiteral("signed %1").arg(documentId));
-    const QString title = document.value("title").toString();
+    const QString title = m_store.document(n).value("title").toString();
     return QHttpServerResponse(QJsonObject{
         {"ok", true},
         {"artifact",

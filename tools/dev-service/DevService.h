@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QHostAddress>
 #include <QHttpServer>
 #include <QHttpServerResponse>
@@ -33,6 +34,14 @@ private:
     QHttpServerResponse activate(const QHttpServerRequest& request);
     QHttpServerResponse heartbeat(const QHttpServerRequest& request);
     QHttpServerResponse signDocument(const QString& documentId, const QHttpServerRequest& request);
+    QHttpServerResponse startCardSigning(const QString& documentId,
+                                         const QHttpServerRequest& request);
+    QHttpServerResponse finishCardSigning(const QString& documentId,
+                                          const QHttpServerRequest& request);
+    // Stores a document's signed package and answers the artifact the page mirrors.
+    QHttpServerResponse storeSigned(int document, const QByteArray& package);
+    // The page or the device may ask for a signature; the rest is the device's business.
+    bool maySign(const QHttpServerRequest& request);
     QHttpServerResponse download(const QString& documentId, const QString& versionId,
                                  const QHttpServerRequest& request);
     QHttpServerResponse acknowledge(const QHttpServerRequest& request);
@@ -46,7 +55,8 @@ private:
     // The device a request's credentials name, or empty when they name none.
     QString authenticatedDevice(const QHttpServerRequest& request);
 
-    QByteArray m_sessionToken; // the web application's session, new at every start
+    QHash<int, QByteArray> m_cardCertificates; // document -> the card's certificate (DER)
+    QByteArray m_sessionToken;                 // the web application's session, new at every start
     QString m_dataDir;
     DevStore m_store;
     DemoSigner m_signer;
