@@ -17,14 +17,13 @@ constexpr int kSignTimeoutMs = 180000;
 constexpr int kSignBatchTimeoutMs = 300000;
 constexpr int kAuthenticateTimeoutMs = 120000;
 
-const QString kUnavailable = QStringLiteral("VANTRO_USB_HELPER_UNAVAILABLE");
-
 OrderedObject runHostCommand(DesktopBridge& bridge, const QString& command,
                              const QVariantMap& arguments, int timeoutMs)
 {
     const QString host = bridge.locateHelperExecutable(nativeHostFileName());
     if (host.isEmpty())
-        throw CodedError(kUnavailable, QStringLiteral("Vantro Sign native host was not found."));
+        throw CodedError(kHelperUnavailable,
+                         QStringLiteral("Vantro Sign native host was not found."));
     return DesktopBridge::ok(runNativeHostCommand(host, command, arguments, timeoutMs));
 }
 
@@ -39,7 +38,8 @@ OrderedObject diagnose(DesktopBridge& bridge, const QVariantList&)
 {
     const QString cli = bridge.locateHelperExecutable(middlewareCliFileName());
     if (cli.isEmpty())
-        throw CodedError(kUnavailable, QStringLiteral("Vantro Sign middleware CLI was not found."));
+        throw CodedError(kHelperUnavailable,
+                         QStringLiteral("Vantro Sign middleware CLI was not found."));
     QJsonObject report = runMiddlewareDiagnose(cli, kMiddlewareDiagnoseTimeoutMs);
     QVariantMap value = report.toVariantMap();
     value.insert(QStringLiteral("vantroRuntime"), bridge.helperRuntime().toVariant());

@@ -19,8 +19,6 @@ constexpr int kHandshakeTimeoutMs = 10000;
 constexpr int kFlushTimeoutMs = 5000;
 constexpr int kReapTimeoutMs = 5000;
 
-const QString kUnavailable = QStringLiteral("VANTRO_USB_HELPER_UNAVAILABLE");
-
 // Kills the child and reaps it when the exchange ends, however it ends.
 class ProcessGuard
 {
@@ -89,7 +87,7 @@ void startHelper(QProcess& process, const QString& path, const QStringList& argu
     process.setProcessChannelMode(QProcess::SeparateChannels);
     process.start(path, arguments, QIODevice::ReadWrite);
     if (!process.waitForStarted(kStartTimeoutMs))
-        throw CodedError(kUnavailable, process.errorString());
+        throw CodedError(kHelperUnavailable, process.errorString());
 }
 
 } // namespace

@@ -21,6 +21,9 @@ QJsonObject nativeHostRequest(const QString& command, const QVariantMap& argumen
 QJsonObject runNativeHostCommand(const QString& hostPath, const QString& command,
                                  const QVariantMap& arguments, int timeoutMs);
 
+// The code of every "the helper program is not there or does not start" failure.
+inline const QString kHelperUnavailable = QStringLiteral("VANTRO_USB_HELPER_UNAVAILABLE");
+
 // How long the middleware diagnostics program may run.
 inline constexpr int kMiddlewareDiagnoseTimeoutMs = 15000;
 

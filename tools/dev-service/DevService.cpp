@@ -210,9 +210,18 @@ QString DevService::filePath(int document, bool signedCopy) const
         QStringLiteral("files/doc-%1%2").arg(document).arg(signedCopy ? "-signed.p7m" : ".bin"));
 }
 
-bool DevService::maySign(const QHttpServerRequest& request)
+QHttpServerResponse DevService::forOriginal(const QString& documentId,
+                                            const QHttpServerRequest& request,
+                                            const OriginalAnswer& answer)
 {
-    return !authenticatedDevice(request).isEmpty() || isPageSession(request);
+    if (authenticatedDevice(request).isEmpty() && !isPageSession(request))
+        return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
+    const int n = documentNumber(documentId);
+    QFile original(filePath(n, false));
+    if (m_store.document(n).isEmpty() || !original.open(QIODevice::ReadOnly))
+        return apiError(QHttpServerResponse::StatusCode::NotFound,
+                        QStringLiteral("DOCUMENT_NOT_FOUND"), documentId);
+    return answer(n, original.readAll());
 }
 
 // Signs the uploaded document with the demo key and answers where the signed copy lies, in the
@@ -220,19 +229,14 @@ bool DevService::maySign(const QHttpServerRequest& request)
 QHttpServerResponse DevService::signDocument(const QString& documentId,
                                              const QHttpServerRequest& request)
 {
-    if (!maySign(request))
-        return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
-    const int n = documentNumber(documentId);
-    QFile original(filePath(n, false));
-    if (m_store.document(n).isEmpty() || !original.open(QIODevice::ReadOnly))
-        return apiError(QHttpServerResponse::StatusCode::NotFound,
-                        QStringLiteral("DOCUMENT_NOT_FOUND"), documentId);
-    QString error;
-    const QByteArray package = m_signer.sign(original.readAll(), &error);
-    if (package.isEmpty())
-        return apiError(QHttpServerResponse::StatusCode::InternalServerError,
-                        QStringLiteral("SIGNING_FAILED"), error);
-    return storeSigned(n, package);
+    return forOriginal(documentId, request, [this](int n, const QByteArray& bytes) {
+        QString error;
+        const QByteArray package = m_signer.sign(bytes, &error);
+        if (package.isEmpty())
+            return apiError(QHttpServerResponse::StatusCode::InternalServerError,
+                            QStringLiteral("SIGNING_FAILED"), error);
+        return storeSigned(n, package);
+    });
 }
 
 // A card signs the document's SHA-256: the page gets the hash to sign for the certificate it
@@ -240,45 +244,39 @@ QHttpServerResponse DevService::signDocument(const QString& documentId,
 QHttpServerResponse DevService::startCardSigning(const QString& documentId,
                                                  const QHttpServerRequest& request)
 {
-    if (!maySign(request))
-        return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
-    const int n = documentNumber(documentId);
-    QFile original(filePath(n, false));
-    const QByteArray certificate = QByteArray::fromBase64(
-        QJsonDocument::fromJson(request.body())["certificate"].toString().toLatin1());
-    if (m_store.document(n).isEmpty() || !original.open(QIODevice::ReadOnly))
-        return apiError(QHttpServerResponse::StatusCode::NotFound,
-                        QStringLiteral("DOCUMENT_NOT_FOUND"), documentId);
-    if (certificate.isEmpty())
-        return apiError(QHttpServerResponse::StatusCode::BadRequest,
-                        QStringLiteral("CERTIFICATE_REQUIRED"),
-                        QStringLiteral("The signing certificate is required."));
-    m_cardCertificates.insert(n, certificate);
-    const QByteArray hash = QByteArray::fromHex(sha256Hex(original.readAll()).toLatin1());
-    return QHttpServerResponse(QJsonObject{
-        {"ok", true}, {"hash", QString::fromLatin1(hash.toBase64())}, {"hashFunction", "SHA-256"}});
+    return forOriginal(documentId, request, [&](int n, const QByteArray& bytes) {
+        const QByteArray certificate = QByteArray::fromBase64(
+            QJsonDocument::fromJson(request.body())["certificate"].toString().toLatin1());
+        if (certificate.isEmpty())
+            return apiError(QHttpServerResponse::StatusCode::BadRequest,
+                            QStringLiteral("CERTIFICATE_REQUIRED"),
+                            QStringLiteral("The signing certificate is required."));
+        m_cardCertificates.insert(n, certificate);
+        const QByteArray hash = QByteArray::fromHex(sha256Hex(bytes).toLatin1());
+        return QHttpServerResponse(QJsonObject{{"ok", true},
+                                               {"hash", QString::fromLatin1(hash.toBase64())},
+                                               {"hashFunction", "SHA-256"}});
+    });
 }
 
 QHttpServerResponse DevService::finishCardSigning(const QString& documentId,
                                                   const QHttpServerRequest& request)
 {
-    if (!maySign(request))
-        return unauthorized(QStringLiteral("Neither a known device nor the page's session."));
-    const int n = documentNumber(documentId);
-    QFile original(filePath(n, false));
-    if (!m_cardCertificates.contains(n) || !original.open(QIODevice::ReadOnly))
-        return apiError(QHttpServerResponse::StatusCode::Conflict,
-                        QStringLiteral("CARD_SIGNING_NOT_STARTED"), documentId);
-    const QByteArray signature = QByteArray::fromBase64(
-        QJsonDocument::fromJson(request.body())["signature"].toString().toLatin1());
-    QString error;
-    const QByteArray package =
-        packCardSignature(original.readAll(), m_cardCertificates.value(n), signature, &error);
-    if (package.isEmpty())
-        return apiError(QHttpServerResponse::StatusCode::UnprocessableEntity,
-                        QStringLiteral("CARD_SIGNATURE_INVALID"), error);
-    m_cardCertificates.remove(n);
-    return storeSigned(n, package);
+    return forOriginal(documentId, request, [&](int n, const QByteArray& bytes) {
+        if (!m_cardCertificates.contains(n))
+            return apiError(QHttpServerResponse::StatusCode::Conflict,
+                            QStringLiteral("CARD_SIGNING_NOT_STARTED"), documentId);
+        const QByteArray signature = QByteArray::fromBase64(
+            QJsonDocument::fromJson(request.body())["signature"].toString().toLatin1());
+        QString error;
+        const QByteArray package =
+            packCardSignature(bytes, m_cardCertificates.value(n), signature, &error);
+        if (package.isEmpty())
+            return apiError(QHttpServerResponse::StatusCode::UnprocessableEntity,
+                            QStringLiteral("CARD_SIGNATURE_INVALID"), error);
+        m_cardCertificates.remove(n);
+        return storeSigned(n, package);
+    });
 }
 
 QHttpServerResponse DevService::storeSigned(int n, const QByteArray& package)

@@ -40,8 +40,12 @@ private:
                                           const QHttpServerRequest& request);
     // Stores a document's signed package and answers the artifact the page mirrors.
     QHttpServerResponse storeSigned(int document, const QByteArray& package);
-    // The page or the device may ask for a signature; the rest is the device's business.
-    bool maySign(const QHttpServerRequest& request);
+    // Runs `answer` with an uploaded document's number and bytes, for the page's session or a
+    // known device (401 otherwise); 404 for a document the service does not have.
+    using OriginalAnswer =
+        std::function<QHttpServerResponse(int document, const QByteArray& bytes)>;
+    QHttpServerResponse forOriginal(const QString& documentId, const QHttpServerRequest& request,
+                                    const OriginalAnswer& answer);
     QHttpServerResponse download(const QString& documentId, const QString& versionId,
                                  const QHttpServerRequest& request);
     QHttpServerResponse acknowledge(const QHttpServerRequest& request);
