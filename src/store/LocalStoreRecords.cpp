@@ -384,8 +384,10 @@ QJsonObject LocalStore::updateMirrorItem(const QString& id, const QVariantMap& p
 QJsonArray LocalStore::listOpenMirrorItems()
 {
     return records::shapedArray(
+        // Rows queued within one clock tick share created_at; enqueue order breaks the tie.
         selectRows(QStringLiteral("SELECT * FROM mirror_queue WHERE status IN ('QUEUED', "
-                                  "'RUNNING', 'MIRRORED', 'FAILED') ORDER BY created_at ASC")),
+                                  "'RUNNING', 'MIRRORED', 'FAILED') ORDER BY created_at ASC, "
+                                  "rowid ASC")),
         records::mirrorItemJson);
 }
 
