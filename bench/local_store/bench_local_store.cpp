@@ -59,7 +59,7 @@ SELECT json_group_array(json(document)) FROM (
   FROM local_documents d
   LEFT JOIN local_versions v ON v.id = d.current_version_id AND v.document_id = d.id
   WHERE d.status <> 'MISSING' AND COALESCE(d.purged_at, '') = ''
-  ORDER BY d.updated_at DESC, d.created_at DESC))");
+  ORDER BY d.updated_at DESC, d.created_at DESC, d.rowid DESC))");
 
 class Workspace
 {

@@ -211,7 +211,7 @@ OrderedObject LocalStore::localArtifactStatus(const QString& artifactId,
          [&] {
              return selectRow(QStringLiteral("SELECT path, relative_path, kind FROM "
                                              "local_versions WHERE server_version_id = ? ORDER BY "
-                                             "created_at DESC LIMIT 1"),
+                                             "created_at DESC, rowid DESC LIMIT 1"),
                               {serverVersionId});
          },
          "path", "kind"},
@@ -221,7 +221,7 @@ OrderedObject LocalStore::localArtifactStatus(const QString& artifactId,
                  QStringLiteral("SELECT v.path, v.relative_path, v.kind FROM local_documents d "
                                 "JOIN local_versions v ON v.id = d.current_version_id WHERE "
                                 "d.server_document_id = ? AND (? = '' OR v.server_version_id = ?) "
-                                "ORDER BY d.updated_at DESC LIMIT 1"),
+                                "ORDER BY d.updated_at DESC, d.rowid DESC LIMIT 1"),
                  {serverDocumentId, serverVersionId, serverVersionId});
          },
          "path", "kind"},

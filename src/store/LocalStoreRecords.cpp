@@ -71,7 +71,7 @@ QJsonObject LocalStore::getDocumentByServerId(const QString& serverDocumentId)
 {
     return documentJsonFor(selectRow(QStringLiteral("SELECT * FROM local_documents WHERE "
                                                     "server_document_id = ? ORDER BY updated_at "
-                                                    "DESC LIMIT 1"),
+                                                    "DESC, rowid DESC LIMIT 1"),
                                      {serverDocumentId}));
 }
 
@@ -95,7 +95,7 @@ QJsonArray LocalStore::listVersions(const QString& documentId)
 {
     return records::shapedArray(
         selectRows(QStringLiteral("SELECT * FROM local_versions WHERE document_id = ? ORDER BY "
-                                  "created_at ASC"),
+                                  "created_at ASC, rowid ASC"),
                    {documentId}),
         records::versionJson);
 }
@@ -234,7 +234,7 @@ QJsonArray LocalStore::listDocuments(const QVariantMap& filter)
     if (!conditions.isEmpty())
         sql +=
             QStringLiteral("WHERE ") + conditions.join(QStringLiteral(" AND ")) + QLatin1Char(' ');
-    sql += QStringLiteral("ORDER BY d.updated_at DESC, d.created_at DESC");
+    sql += QStringLiteral("ORDER BY d.updated_at DESC, d.created_at DESC, d.rowid DESC");
 
     QJsonArray result;
     std::optional<records::RowReader> documentReader;
@@ -293,10 +293,10 @@ QJsonArray LocalStore::listJobs(const QString& documentId)
 {
     const QList<QJsonObject> rows =
         documentId.isEmpty()
-            ? selectRows(
-                  QStringLiteral("SELECT * FROM local_jobs ORDER BY updated_at DESC LIMIT 500"))
+            ? selectRows(QStringLiteral(
+                  "SELECT * FROM local_jobs ORDER BY updated_at DESC, rowid DESC LIMIT 500"))
             : selectRows(QStringLiteral("SELECT * FROM local_jobs WHERE document_id = ? ORDER BY "
-                                        "updated_at DESC"),
+                                        "updated_at DESC, rowid DESC"),
                          {documentId});
     return records::shapedArray(rows, records::jobJson);
 }
