@@ -139,6 +139,15 @@ private Q_SLOTS:
         QTEST(column(m_store->listDocuments(filter), "title").join(' '), "expected");
     }
 
+    // Rows written within one clock tick: the newest import still comes first.
+    void fullTiesListNewestFirst()
+    {
+        for (const char* name : {"Sutartis.pdf", "Saskaita.pdf", "Aktas.pdf"})
+            importDocument(QLatin1String(name));
+        sql("UPDATE local_documents SET updated_at = 't', created_at = 't'");
+        QCOMPARE(column(m_store->listDocuments({}), "title").join(' '), "Aktas Saskaita Sutartis");
+    }
+
     void jobs()
     {
         const QString id = importDocument("a.pdf");
